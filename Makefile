@@ -1,0 +1,47 @@
+# Everything a fresh Debian machine needs: `make test` installs what is missing, builds, tests.
+JOBS ?= $(shell nproc)
+CTEST_ARGS ?=
+
+.PHONY: all deps build test asan tsan bench fuzz clean
+
+all: build
+
+deps:
+	@scripts/deps.sh
+
+build/%/build.ninja: | deps
+	cmake --preset $*
+
+build: deps build/release/build.ninja
+	cmake --build --preset release -j $(JOBS)
+
+test: build
+	ctest --preset release -j $(JOBS) $(CTEST_ARGS)
+
+asan: deps build/asan/build.ninja
+	cmake --build --preset asan -j $(JOBS)
+	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+	  ctest --preset asan -j $(JOBS) $(CTEST_ARGS)
+
+tsan: deps build/tsan/build.ninja
+	cmake --build --preset tsan -j $(JOBS)
+	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
+	  ctest --preset tsan -j $(JOBS) $(CTEST_ARGS)
+
+bench: build
+	build/release/bench/pelyx-bench $(BENCH_ARGS)
+
+# Runs every fuzzer for FUZZ_SECONDS on a scratch copy of its committed seed corpus.
+FUZZ_SECONDS ?= 60
+FUZZERS := fuzz_gfr_tunables fuzz_hint_callback
+fuzz: deps build/fuzz/build.ninja
+	cmake --build --preset fuzz -j $(JOBS) --target $(FUZZERS)
+	@set -e; for f in $(FUZZERS); do \
+	  mkdir -p build/fuzz/corpus/$$f; cp -n fuzz/corpus/$$f/* build/fuzz/corpus/$$f/ 2>/dev/null || true; \
+	  echo "== $$f for $(FUZZ_SECONDS) s"; \
+	  build/fuzz/fuzz/$$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	    -artifact_prefix=build/fuzz/ build/fuzz/corpus/$$f 2>&1 | tail -n 12; \
+	done
+
+clean:
+	rm -rf build

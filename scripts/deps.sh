@@ -1,0 +1,20 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the build needs, only those missing.
+set -eu
+pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev
+      android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
+      libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils)
+missing=()
+for p in "${pkgs[@]}"; do
+  dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+done
+[ ${#missing[@]} -eq 0 ] && exit 0
+echo "deps: installing ${missing[*]}"
+if [ "$(id -u)" -ne 0 ]; then
+  echo "deps: these Debian packages are missing and installing them needs root:" >&2
+  echo "  apt-get install ${missing[*]}" >&2
+  exit 1
+fi
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,39 @@
+#pragma once
+
+// Host build only: how the simulator and the tests play the device's part behind the seams.
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "platform/Ioctl.h"
+
+namespace android::platform::host {
+
+// Replaces the clock behind platform::now(); nullptr restores the monotonic clock.
+using ClockFn = int64_t (*)();
+void setClock(ClockFn clock);
+
+// Identity reported by getCallingPid/getCallingUid on the calling thread until cleared.
+void setCallingIdentity(pid_t pid, uid_t uid);
+void clearCallingIdentity();
+
+// Opens (truncating) a Trace Event Format file; tracing is on until traceClose(), which
+// completes the JSON. Returns false with errno set when the file cannot be created.
+bool traceOpen(const std::string& path);
+void traceClose();
+
+// Every notifyPowerBoost is counted and handed to the listener, if any (called on the caller's
+// thread; keep it short).
+uint64_t powerBoostCount();
+void setPowerBoostListener(std::function<void(int32_t)> listener);
+
+// Installs another ioctl table; nullptr restores the real calls. The table must outlive its use.
+void setIoctlTable(const IoctlTable* table);
+
+// Forgets every property (tests start from a clean store).
+void clearProperties();
+
+} // namespace android::platform::host
