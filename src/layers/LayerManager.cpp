@@ -4,13 +4,57 @@
 
 #include <log/log.h>
 
+#include <algorithm>
 #include <mutex>
+#include <vector>
+
+#include "perf/PerfProxy.h"
+#include "platform/Clock.h"
 
 namespace android {
 namespace {
+
+constexpr int64_t kPromotionWindowNs = 500'000'000;
+constexpr float kPromotionMinFps = 23.0f;
+constexpr size_t kMaxTrackedLayers = 4;
+constexpr size_t kMaxCandidates = 10;
+constexpr size_t kCandidateLimitClearCount = 5;
+constexpr int64_t kInactiveAfterNs = 1'000'000'000;
+constexpr int64_t kRemovalDelayNs = 1'000'000'000;
+constexpr int64_t kCandidateStaleNs = 2'000'000'001;
+constexpr int64_t kPeriodicCheckNs = 1'500'000'001;
+constexpr int64_t kLatchCountTrustNs = 2'000'001;
+constexpr int kEventMaxFpsMode = 4196;
+constexpr int kCpuBigJankBoostLevel = 5;
+constexpr int kAliveAppMaxMisses = 3;
+constexpr int kAliveAppMinMatches = 4;
+
 std::mutex gInstanceMutex;
 std::atomic<LayerManager*> gInstance{nullptr};
+
+// A layer that sorts earlier is evicted first: unfocused, then non-game, then lower fps mode.
+bool evictsBefore(const sp<LayerInfo>& a, const sp<LayerInfo>& b) {
+    if (a->mFocused != b->mFocused) return !a->mFocused;
+    if (a->mIsGame != b->mIsGame) return !a->mIsGame;
+    return a->mFpsMode < b->mFpsMode;
+}
+
 } // namespace
+
+bool LayerManager::LayerCandidate::updateAndCheckPromotion(int64_t now) {
+    if (firstTime == 0) firstTime = now;
+    const int32_t countBefore = frameCount;
+    frameCount++;
+    lastTime = now;
+    const int64_t elapsed = now - firstTime;
+    if (elapsed < kPromotionWindowNs) return false;
+    if (static_cast<float>(countBefore) * 1e9f / static_cast<float>(elapsed) >= kPromotionMinFps) {
+        return true;
+    }
+    frameCount = 1;
+    firstTime = now;
+    return false;
+}
 
 LayerManager* LayerManager::getInstance() {
     LayerManager* instance = gInstance.load(std::memory_order_acquire);
@@ -24,11 +68,450 @@ LayerManager* LayerManager::getInstance() {
     return instance;
 }
 
+void LayerManager::init(bool smartTouchOrPhr, int32_t displayWidth, int32_t displayHeight) {
+    if (mInitialized.load()) return;
+    FeatureManager* features = FeatureManager::getInstance();
+    mSmartTouchEnabled.store(smartTouchOrPhr);
+    {
+        Mutex::Autolock lock(mLock);
+        if (features->isFeatureEnabled(CPU_BIG_JANK)) {
+            mCpuBigJankThreshold = features->getCpuBigJankThresholdMs();
+        }
+    }
+    mDisplayWidth = displayWidth;
+    mDisplayHeight = displayHeight;
+    mTargetFpsEnabled = features->isFeatureEnabled(TARGET_FPS);
+    mTargetFpsCompensate = features->isTargetFpsCompensate();
+    mGpuJankDetect.store(features->isFeatureEnabled(GPU_JANK_DETECT));
+    if (mGpuJankDetect.load()) mGpuExecThresholdMult = features->getGpuMinExecTimeMult();
+    mInitialized.store(true);
+    PerfProxy::XLOGD(LOG_TAG, "LayerManager initialized");
+}
+
+void LayerManager::stop() {
+    if (!mInitialized.exchange(false)) return;
+    Mutex::Autolock lock(mLock);
+    mTrackedLayerCount.store(0);
+    mLayers.clear();
+    mCandidates.clear();
+    mAppInfoMap.clear();
+}
+
+sp<LayerInfo> LayerManager::getLayer(int32_t id) {
+    Mutex::Autolock lock(mLock);
+    auto it = mLayers.find(id);
+    return it == mLayers.end() ? nullptr : it->second;
+}
+
+sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id, int32_t pid,
+                                             int32_t uid, int64_t now) {
+    if (sp<LayerInfo> layer = getLayer(id)) return layer;
+
+    bool cleanupLayers = false;
+    bool cleanupCands = false;
+    sp<LayerInfo> promoted;
+    {
+        Mutex::Autolock lock(mLock);
+        auto candidate = mCandidates.find(id);
+        if (candidate != mCandidates.end()) {
+            if (!candidate->second.updateAndCheckPromotion(now) || mActiveLimitReached) {
+                return nullptr;
+            }
+            PerfProxy* perf = PerfProxy::getInstance();
+            promoted = new LayerInfo(id, name, candidate->second.packageName, pid, uid);
+            promoted->mSceneTag = perf->getLayerSceneTag(promoted->mPackageName, name);
+            mLayers.emplace(id, promoted);
+            mCandidates.erase(candidate);
+            mTrackedLayerCount.fetch_add(1);
+            PerfProxy::XLOGD(LOG_TAG, "Add new layer to full tracking: [%s] layer %d, pid %d, uid %d",
+                             name.c_str(), id, pid, uid);
+            cleanupLayers = mLayers.size() > kMaxTrackedLayers;
+        } else {
+            if (mCandidateLimitReached) return nullptr;
+            std::string packageName = PerfProxy::getInstance()->getPackageName(name);
+            if (packageName.empty() && uid >= 1) {
+                auto app = mAppInfoMap.find(uid);
+                if (app != mAppInfoMap.end()) {
+                    packageName = app->second.packageName;
+                    app->second.lastSeenTime = now;
+                    ALOGD("Layer [%s] get pkg from AppInfo cache (uid=%d): %s", name.c_str(), uid,
+                          packageName.c_str());
+                }
+            }
+            // Layers without a package are never tracked.
+            if (packageName.empty()) return nullptr;
+            cleanupCands = mCandidates.size() > kMaxCandidates;
+            LayerCandidate fresh;
+            fresh.packageName = std::move(packageName);
+            fresh.updateAndCheckPromotion(now);
+            mCandidates.emplace(id, std::move(fresh));
+            PerfProxy::XLOGD(LOG_TAG, "Add new candidate layer: %d [%s]", id, name.c_str());
+        }
+    }
+    if (cleanupCands) cleanupCandidates(now);
+    if (promoted && cleanupLayers) cleanupInactiveLayers(now);
+    return promoted;
+}
+
+void LayerManager::onBufferIncrement(const std::string& name, int32_t id, int32_t pid,
+                                     int32_t uid, int64_t timestamp, bool flag, uint32_t value) {
+    if (id < 1 || !mTrackingEnabled.load()) return;
+    const int64_t now = platform::now();
+    QueuedFrame frame;
+    {
+        // Steady state: one lookup and the update under a single lock.
+        Mutex::Autolock lock(mLock);
+        auto it = mLayers.find(id);
+        if (it != mLayers.end()) frame = onQueueLocked(it->second, now, flag);
+    }
+    if (!frame.layer) {
+        sp<LayerInfo> layer = getOrCreateLayer(name, id, pid, uid, timestamp);
+        if (!layer) return;
+        Mutex::Autolock lock(mLock);
+        frame = onQueueLocked(layer, now, flag);
+    }
+    const LayerInfo& layer = *frame.layer;
+
+    if (frame.bigJankThresholdMs >= 1 && frame.fpsMode >= 30 &&
+        frame.frameInterval >= static_cast<int64_t>(frame.bigJankThresholdMs) * 1'000'000) {
+        // Name and package never change after promotion; reading them needs no lock.
+        const std::string section = "Detected CPU big jank [" + layer.mName + "]";
+        PerfProxy::XTRACE_BEGIN(section.c_str());
+        PerfProxy::getInstance()->frameHint(kCpuBigJankBoostLevel, 0, id, layer.mPackageName, 0);
+        ALOGI("Send CPU big jank [%s].", layer.mName.c_str());
+        PerfProxy::XTRACE_END();
+    }
+
+    // The frame-rescue and headroom monitors take the buffer here once they exist.
+    frame.layer->mLastProcessedTime.store(platform::now(), std::memory_order_relaxed);
+}
+
+LayerManager::QueuedFrame LayerManager::onQueueLocked(const sp<LayerInfo>& layer, int64_t now,
+                                                      bool flag) {
+    if (!layer->mActive) {
+        layer->mActive = true;
+        layer->mRemovalDeadline = 0;
+    }
+    layer->mLastQueueTime = now;
+    layer->mLastQueueFlag = flag;
+    layer->mFrameInterval = now - layer->mLastProcessedTime.load(std::memory_order_relaxed);
+
+    const int64_t period = mVsyncPeriod.load();
+    int64_t next = period;
+    if (period > 0 && layer->mLastLatchTime > 0) {
+        next = period - ((now - layer->mLastLatchTime) % period);
+    }
+    layer->mTimeToPresent = period * layer->mPendingBuffers + next;
+    layer->mPendingBuffers++;
+    layer->mQueueTimes.push_back(now);
+
+    const int32_t modeBefore = layer->mFpsMode;
+    if (layer->updateFps()) {
+        toggleFeaturesOnFpsLocked(*layer, layer->mFpsMode == mVsyncMode.load());
+        if (layer->mFpsMode != modeBefore) {
+            onFpsModeChangedLocked();
+            scheduleNotifyUserScene(0);
+        }
+    }
+    return QueuedFrame{layer, layer->mFpsMode, layer->mFrameInterval, mCpuBigJankThreshold};
+}
+
+void LayerManager::onBufferDecrement(const std::string& name, int32_t id, int32_t pendingCount,
+                                     const Rect& bounds, bool focused, bool visible) {
+    if (!mTrackingEnabled.load() || mTrackedLayerCount.load() == 0) return;
+    Mutex::Autolock lock(mLock);
+    auto it = mLayers.find(id);
+    if (it == mLayers.end()) return;
+    LayerInfo& layer = *it->second;
+    const int64_t now = platform::now();
+
+    layer.mPendingLatchFenceTime = 0;
+    layer.mPendingLatchFenceFd = -1;
+    const int32_t old = layer.mPendingBuffers;
+    layer.mPendingBuffers = old - 1;
+    layer.mLastLatchTime = now;
+    if (old < 1) {
+        layer.mPendingBuffers = pendingCount;
+    } else if (old - 1 != pendingCount && now - layer.mLastQueueTime >= kLatchCountTrustNs) {
+        // The compositor's count wins once no buffer was queued for 2 ms.
+        layer.mPendingBuffers = pendingCount;
+    }
+    while (!layer.mQueueTimes.empty() &&
+           static_cast<int64_t>(layer.mQueueTimes.size()) > layer.mPendingBuffers) {
+        layer.mQueueTimes.pop_front();
+    }
+
+    layer.mBounds = bounds;
+    layer.mFocused = focused;
+    layer.mVisible = visible;
+
+    if (focused && layer.mUid != mFocusedUid) {
+        mFocusedUid = layer.mUid;
+        scheduleNotifyUserScene(0);
+        PerfProxy::XLOGD(LOG_TAG, "Focused app changed: uid %d, [%s]", layer.mUid,
+                         layer.mName.c_str());
+    }
+    auto app = mAppInfoMap.find(layer.mUid);
+    if (app != mAppInfoMap.end()) app->second.lastSeenTime = now;
+}
+
+void LayerManager::onVsync(int64_t now) {
+    if (!mTrackingEnabled.load()) return;
+    Mutex::Autolock lock(mLock);
+    if (mLastPeriodicCheck <= 0) {
+        mLastPeriodicCheck = now;
+        return;
+    }
+    if (now - mLastPeriodicCheck < kPeriodicCheckNs) return;
+    mLastPeriodicCheck = now;
+    cleanupInactiveLayersLocked(now);
+    cleanupCandidatesLocked(now);
+}
+
+void LayerManager::setVsyncPeriod(int64_t period) {
+    int64_t current = mVsyncPeriod.load();
+    if (current == period) return;
+    const int32_t mode = PerfProxy::setVsyncMode(period);
+    mVsyncMode.store(mode);
+    while (!mVsyncPeriod.compare_exchange_weak(current, period)) {
+    }
+    if (mode == 0) {
+        ALOGE("Unexpected vsync received: %lld", static_cast<long long>(period));
+        return;
+    }
+    PerfProxy::XLOGD(LOG_TAG, "vsync: %lld", static_cast<long long>(period));
+}
+
+void LayerManager::unblockPendingBuffer() {
+    if (!mTrackingEnabled.load() || mTrackedLayerCount.load() == 0) return;
+    // Held queue threads exist only once the headroom monitor runs; it releases them here.
+}
+
+void LayerManager::scheduleNotifyUserScene(int64_t delayNs) {
+    mSceneCheckPending.store(true);
+    PerfProxy::getInstance()->postTaskDelayed(delayNs, [this] {
+        const int64_t now = platform::now();
+        cleanupInactiveLayers(now);
+        cleanupCandidates(now);
+    });
+}
+
+void LayerManager::cleanupInactiveLayers(int64_t now) {
+    Mutex::Autolock lock(mLock);
+    cleanupInactiveLayersLocked(now);
+}
+
+void LayerManager::cleanupCandidates(int64_t now) {
+    Mutex::Autolock lock(mLock);
+    cleanupCandidatesLocked(now);
+}
+
+void LayerManager::cleanupInactiveLayersLocked(int64_t now) {
+    for (auto& [id, layer] : mLayers) {
+        if (layer->mActive && layer->mLastQueueTime > 0 &&
+            now - layer->mLastQueueTime > kInactiveAfterNs) {
+            layer->mActive = false;
+            layer->mRemovalDeadline = now + kRemovalDelayNs;
+            PerfProxy::XLOGD(LOG_TAG, "Layer %d [%s] marked for removal (no frame update within 1s)",
+                             id, layer->mName.c_str());
+        }
+    }
+
+    std::vector<sp<LayerInfo>> remove;
+    std::vector<sp<LayerInfo>> keepFirst;
+    std::vector<sp<LayerInfo>> spare;
+    for (auto& [id, layer] : mLayers) {
+        if (!layer->mActive && now >= layer->mRemovalDeadline) {
+            remove.push_back(layer);
+        } else if (layer->mActive && layer->mVisible &&
+                   (layer->mFpsMode < 0 || layer->mFpsMode > 29)) {
+            keepFirst.push_back(layer);
+        } else {
+            spare.push_back(layer);
+        }
+    }
+
+    size_t remaining = mLayers.size() - remove.size();
+    if (remaining <= kMaxTrackedLayers) {
+        // The candidates count too, so the flag clears only when both tables are small.
+        if (mActiveLimitReached && remaining + mCandidates.size() <= kMaxTrackedLayers) {
+            mActiveLimitReached = false;
+            ALOGI("Active layer count dropped back within the tracking limit.");
+        }
+    } else {
+        remove.insert(remove.end(), spare.begin(), spare.end());
+        remaining -= spare.size();
+        if (remaining > kMaxTrackedLayers) {
+            std::sort(keepFirst.begin(), keepFirst.end(), evictsBefore);
+            const size_t evict = std::min(keepFirst.size(), remaining - kMaxTrackedLayers);
+            remove.insert(remove.end(), keepFirst.begin(), keepFirst.begin() + evict);
+            if (!mActiveLimitReached) {
+                ALOGW("Active layer count reached maximum tracking limit.");
+            }
+            mActiveLimitReached = true;
+        }
+    }
+    for (const sp<LayerInfo>& layer : remove) unregisterLayerLocked(*layer);
+}
+
+void LayerManager::cleanupCandidatesLocked(int64_t now) {
+    for (auto it = mCandidates.begin(); it != mCandidates.end();) {
+        if (it->second.lastTime > 0 && now - it->second.lastTime >= kCandidateStaleNs) {
+            PerfProxy::XLOGD(LOG_TAG, "Remove candidate layer [%d]", it->first);
+            it = mCandidates.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (mCandidates.size() <= kMaxCandidates) {
+        if (mCandidateLimitReached && mCandidates.size() <= kCandidateLimitClearCount) {
+            mCandidateLimitReached = false;
+            ALOGI("Candidate layer count dropped back within the tracking limit.");
+        }
+        return;
+    }
+    std::vector<std::pair<int32_t, int64_t>> byAge;
+    byAge.reserve(mCandidates.size());
+    for (const auto& [id, candidate] : mCandidates) byAge.emplace_back(id, candidate.lastTime);
+    std::sort(byAge.begin(), byAge.end(),
+              [](const auto& a, const auto& b) { return a.second < b.second; });
+    const size_t excess = mCandidates.size() - kMaxCandidates;
+    for (size_t i = 0; i < excess; i++) {
+        PerfProxy::XLOGD(LOG_TAG, "Force remove candidate layer [%d]", byAge[i].first);
+        mCandidates.erase(byAge[i].first);
+    }
+    mCandidateLimitReached = true;
+    ALOGW("Candidate layer count reached maximum tracking limit.");
+}
+
+void LayerManager::unregisterLayerLocked(LayerInfo& layer) {
+    const int32_t id = layer.mId;
+    const std::string name = layer.mName;
+    mLayers.erase(id);
+    mTrackedLayerCount.fetch_sub(1);
+    if (id == mMaxFpsModeLayerId) onFpsModeChangedLocked();
+    PerfProxy::XLOGD(LOG_TAG, "Unregistered layer %d: [%s]", id, name.c_str());
+}
+
+void LayerManager::toggleFeaturesOnFpsLocked(LayerInfo& layer, bool matchesVsyncMode) {
+    // The frame-rescue and headroom switches act on their monitors, which join later; what
+    // needs no monitor is the alive-app check.
+    if (mAliveAppMissCount < 0 && layer.mAliveAppMatchCount < 1) return;
+    if (layer.mPackageName == mCheckingAliveApp) {
+        layer.mAliveAppMatchCount++;
+        mAliveAppMissCount = -1;
+    } else {
+        mAliveAppMissCount++;
+    }
+    if (mAliveAppMissCount < kAliveAppMaxMisses && layer.mAliveAppMatchCount < kAliveAppMinMatches) {
+        return;
+    }
+    FeatureManager::getInstance()->processAliveAppCheck(layer.mPackageName);
+    mAliveAppMissCount = -1;
+    layer.mAliveAppMatchCount = 0;
+    mCheckingAliveApp.clear();
+}
+
+void LayerManager::onFpsModeChangedLocked() {
+    const LayerInfo* best = nullptr;
+    int32_t bestMode = -1;
+    for (const auto& [id, layer] : mLayers) {
+        if (layer->mFpsMode > bestMode) {
+            bestMode = layer->mFpsMode;
+            best = layer.get();
+        }
+    }
+    PerfProxy* perf = PerfProxy::getInstance();
+    if (best) {
+        mMaxFpsModeLayerId = best->mId;
+        mMaxFpsMode = best->mFpsMode;
+        int args[2] = {0, mMaxFpsMode};
+        perf->perfEvent(kEventMaxFpsMode, best->mPackageName.c_str(), 2, args);
+        PerfProxy::XLOGD(LOG_TAG, "Update MaxInfo: pkgName %s mode: %d layerId: %d",
+                         best->mPackageName.c_str(), mMaxFpsMode, mMaxFpsModeLayerId);
+    } else if (mMaxFpsMode != -1) {
+        mMaxFpsMode = -1;
+        mMaxFpsModeLayerId = -1;
+        int args[2] = {0, -1};
+        perf->perfEvent(kEventMaxFpsMode, "null", 2, args);
+        PerfProxy::XLOGD(LOG_TAG, "Update MaxInfo: Reset to default");
+    }
+}
+
 void LayerManager::onFeatureConfigChanged(Feature feature, const std::string& packageName) {
     if (!isInitialized()) {
         ALOGE("LayerManager not initialized");
         return;
     }
+    switch (feature) {
+        case CPU_BIG_JANK: {
+            Mutex::Autolock lock(mLock);
+            mCpuBigJankThreshold = FeatureManager::getInstance()->getCpuBigJankThresholdMs();
+            PerfProxy::XLOGD(LOG_TAG, "OnFeatureConfigChanged - CPU_BIG_JANK: mCpuBigJankThreshold=%dms",
+                             mCpuBigJankThreshold);
+            break;
+        }
+        case ACTV_NON_GAME_RESUME: {
+            const std::string checking = FeatureManager::getInstance()->getCheckingAliveApp();
+            Mutex::Autolock lock(mLock);
+            mCheckingAliveApp = checking;
+            // A package to check starts the check on the next measuring windows.
+            mAliveAppMissCount = checking.empty() ? -1 : 0;
+            PerfProxy::XLOGD(LOG_TAG, "OnFeatureConfigChanged - ACTV_NON_GAME_RESUME: checkingAliveApp=%s",
+                             mCheckingAliveApp.c_str());
+            break;
+        }
+        default:
+            break;
+    }
+}
+
+std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id) {
+    Mutex::Autolock lock(mLock);
+    auto it = mLayers.find(id);
+    if (it == mLayers.end()) return std::nullopt;
+    const LayerInfo& layer = *it->second;
+    LayerStatus status;
+    status.id = layer.mId;
+    status.packageName = layer.mPackageName;
+    status.uid = layer.mUid;
+    status.active = layer.mActive;
+    status.focused = layer.mFocused;
+    status.visible = layer.mVisible;
+    status.fpsMode = layer.mFpsMode;
+    status.fps = layer.mFps;
+    status.pendingBuffers = layer.mPendingBuffers;
+    status.queuedTimes = layer.mQueueTimes.size();
+    status.timeToPresent = layer.mTimeToPresent;
+    status.frameInterval = layer.mFrameInterval;
+    status.removalDeadline = layer.mRemovalDeadline;
+    status.lastQueueFlag = layer.mLastQueueFlag;
+    return status;
+}
+
+size_t LayerManager::candidateCount() {
+    Mutex::Autolock lock(mLock);
+    return mCandidates.size();
+}
+
+bool LayerManager::isActiveLimitReached() {
+    Mutex::Autolock lock(mLock);
+    return mActiveLimitReached;
+}
+
+bool LayerManager::isCandidateLimitReached() {
+    Mutex::Autolock lock(mLock);
+    return mCandidateLimitReached;
+}
+
+int32_t LayerManager::maxFpsMode() {
+    Mutex::Autolock lock(mLock);
+    return mMaxFpsMode;
+}
+
+int32_t LayerManager::cpuBigJankThresholdMs() {
+    Mutex::Autolock lock(mLock);
+    return mCpuBigJankThreshold;
 }
 
 } // namespace android

@@ -1,31 +1,165 @@
 #pragma once
 
+#include <android-base/thread_annotations.h>
+#include <utils/Mutex.h>
+#include <utils/StrongPointer.h>
+
 #include <atomic>
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "config/FeatureManager.h"
+#include "layers/LayerInfo.h"
+#include "layers/Rect.h"
 
 namespace android {
 
-// The registry of layers that produce frames. Lives for the process once created.
+// The registry of the compositor's layers that produce frames. A layer is a cheap candidate
+// until it has produced frames for 0.5 s at 23 fps or more; then it is fully tracked as a
+// LayerInfo. At most 4 tracked layers and 10 candidates are kept. Lives for the process.
 //
-// Threading: compositor threads, the boost thread and the service's callback thread call in.
+// Threading: compositor threads deliver buffer, latch, vsync and fence events; the boost thread
+// runs posted clean-ups; the service's callback thread announces configuration changes. One
+// registry mutex guards the maps and every LayerInfo field. It is dropped before calls that may
+// block (classification, frame hints, monitor queue calls).
 class LayerManager {
 public:
+    struct LayerCandidate {
+        int64_t firstTime = 0;
+        int64_t lastTime = 0;
+        int32_t frameCount = 0;
+        std::string packageName;
+
+        // Counts one frame; true when the candidate has run 0.5 s at 23 fps or more.
+        bool updateAndCheckPromotion(int64_t now);
+    };
+
+    struct AppInfo {
+        std::string packageName;
+        int32_t uid = -1;
+        bool isGame = false;
+        int32_t gameWeight = -1;
+        int64_t lastSeenTime = 0;
+    };
+
+    // A copy of one tracked layer's state, for diagnostics (dumps, the simulator, tests).
+    struct LayerStatus {
+        int32_t id = -1;
+        std::string packageName;
+        int32_t uid = -1;
+        bool active = false;
+        bool focused = false;
+        bool visible = false;
+        int32_t fpsMode = -1;
+        float fps = 0.0f;
+        int32_t pendingBuffers = 0;
+        size_t queuedTimes = 0;
+        int64_t timeToPresent = 0;
+        int64_t frameInterval = 0;
+        int64_t removalDeadline = 0;
+        bool lastQueueFlag = false;
+    };
+
     static LayerManager* getInstance();
 
+    // Once only. smartTouchOrPhr: the process wants the headroom monitor.
+    void init(bool smartTouchOrPhr, int32_t displayWidth, int32_t displayHeight) EXCLUDES(mLock);
+    // Forgets every layer, candidate and app; later events start the registry afresh.
+    void stop() EXCLUDES(mLock);
     bool isInitialized() const { return mInitialized.load(); }
+    void setSmartTouchEnable(bool enable) { mSmartTouchEnabled.store(enable); }
+    bool isSmartTouchEnabled() const { return mSmartTouchEnabled.load(); }
+
+    sp<LayerInfo> getLayer(int32_t id) EXCLUDES(mLock);
+    sp<LayerInfo> getOrCreateLayer(const std::string& name, int32_t id, int32_t pid, int32_t uid,
+                                   int64_t now) EXCLUDES(mLock);
+
+    // Compositor buffer, latch and vsync events. None blocks beyond the registry mutex.
+    void onBufferIncrement(const std::string& name, int32_t id, int32_t pid, int32_t uid,
+                           int64_t timestamp, bool flag, uint32_t value) EXCLUDES(mLock);
+    void onBufferDecrement(const std::string& name, int32_t id, int32_t pendingCount,
+                           const Rect& bounds, bool focused, bool visible) EXCLUDES(mLock);
+    void onVsync(int64_t now) EXCLUDES(mLock);
+    void setVsyncPeriod(int64_t period) EXCLUDES(mLock);
+    void unblockPendingBuffer() EXCLUDES(mLock);
+
+    // GPU fence jank detection. Descriptors stay the caller's; they are never closed here.
+    void notifyGpuFenceUnsignaled(int32_t fenceFd, int32_t layerId) EXCLUDES(mLock);
+    void trackLatchUnsignaledGpuFence(int32_t fenceFd, int32_t layerId) EXCLUDES(mLock);
+    void flushLatchUnsignaledGpuFences() EXCLUDES(mLock);
 
     // Re-applies per-app configuration after FeatureManager stored a change. An empty package
     // name stands for the global entry. Called without any FeatureManager lock held.
     void onFeatureConfigChanged(Feature feature, const std::string& packageName);
+
+    void cleanupInactiveLayers(int64_t now) EXCLUDES(mLock);
+    void cleanupCandidates(int64_t now) EXCLUDES(mLock);
+    // Posts the clean-ups (and the on-screen-apps check) to the boost thread after delayNs.
+    void scheduleNotifyUserScene(int64_t delayNs);
+
+    // Read-only views for diagnostics and tests.
+    int32_t trackedLayerCount() const { return mTrackedLayerCount.load(); }
+    std::optional<LayerStatus> getLayerStatus(int32_t id) EXCLUDES(mLock);
+    size_t candidateCount() EXCLUDES(mLock);
+    bool isActiveLimitReached() EXCLUDES(mLock);
+    bool isCandidateLimitReached() EXCLUDES(mLock);
+    int32_t maxFpsMode() EXCLUDES(mLock);
+    int64_t vsyncPeriod() const { return mVsyncPeriod.load(); }
+    int32_t vsyncMode() const { return mVsyncMode.load(); }
+    int32_t cpuBigJankThresholdMs() EXCLUDES(mLock);
+    bool isTrackingEnabled() const { return mTrackingEnabled.load(); }
 
 private:
     LayerManager() = default;
     LayerManager(const LayerManager&) = delete;
     LayerManager& operator=(const LayerManager&) = delete;
 
+    // What the queue path needs after the registry lock is dropped.
+    struct QueuedFrame {
+        sp<LayerInfo> layer;
+        int32_t fpsMode = -1;
+        int64_t frameInterval = 0;
+        int32_t bigJankThresholdMs = 0;
+    };
+    QueuedFrame onQueueLocked(const sp<LayerInfo>& layer, int64_t now, bool flag) REQUIRES(mLock);
+    void cleanupInactiveLayersLocked(int64_t now) REQUIRES(mLock);
+    void cleanupCandidatesLocked(int64_t now) REQUIRES(mLock);
+    void unregisterLayerLocked(LayerInfo& layer) REQUIRES(mLock);
+    void toggleFeaturesOnFpsLocked(LayerInfo& layer, bool matchesVsyncMode) REQUIRES(mLock);
+    void onFpsModeChangedLocked() REQUIRES(mLock);
+    int64_t computeGpuExecThresholdLocked(const LayerInfo& layer) const REQUIRES(mLock);
+
     std::atomic<bool> mInitialized{false};
+    int32_t mDisplayWidth = -1;
+    int32_t mDisplayHeight = -1;
+
+    Mutex mLock;
+    std::atomic<int32_t> mTrackedLayerCount{0};
+    std::unordered_map<int32_t, LayerCandidate> mCandidates GUARDED_BY(mLock);
+    std::unordered_map<int32_t, sp<LayerInfo>> mLayers GUARDED_BY(mLock);
+    std::unordered_map<int32_t, AppInfo> mAppInfoMap GUARDED_BY(mLock);
+    int32_t mFocusedUid GUARDED_BY(mLock) = -1;
+    std::atomic<int64_t> mVsyncPeriod{-1};
+    std::atomic<int32_t> mVsyncMode{-1};
+    int64_t mLastPeriodicCheck GUARDED_BY(mLock) = 0;
+    bool mActiveLimitReached GUARDED_BY(mLock) = false;
+    bool mCandidateLimitReached GUARDED_BY(mLock) = false;
+    std::atomic<bool> mSceneCheckPending{false};
+    std::atomic<bool> mTrackingEnabled{true};
+    int32_t mCpuBigJankThreshold GUARDED_BY(mLock) = 0;
+    float mGpuExecThresholdMult = 1.0f;
+    std::atomic<bool> mGpuJankDetect{false};
+    std::atomic<bool> mSmartTouchEnabled{false};
+    bool mTargetFpsEnabled = false;
+    bool mTargetFpsCompensate = true;
+    int32_t mMaxFpsMode GUARDED_BY(mLock) = -1;
+    int32_t mMaxFpsModeLayerId GUARDED_BY(mLock) = -1;
+    // Alive-app check: -1 idle; the package under check comes from the configuration.
+    int32_t mAliveAppMissCount GUARDED_BY(mLock) = -1;
+    std::string mCheckingAliveApp GUARDED_BY(mLock);
 };
 
 } // namespace android
