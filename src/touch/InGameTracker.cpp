@@ -1,0 +1,7 @@
+#include "touch/InGameTracker.h"
+
+namespace android {
+
+InGameTracker::InGameTracker() = default;
+
+} // namespace android
