@@ -149,7 +149,10 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
         }
     }
     if (cleanupCands) cleanupCandidates(now);
-    if (promoted && cleanupLayers) cleanupInactiveLayers(now);
+    if (promoted) {
+        checkAppInfo(id, promoted->mPackageName, uid, now);
+        if (cleanupLayers) cleanupInactiveLayers(now);
+    }
     return promoted;
 }
 
@@ -257,15 +260,19 @@ void LayerManager::onBufferDecrement(const std::string& name, int32_t id, int32_
 
 void LayerManager::onVsync(int64_t now) {
     if (!mTrackingEnabled.load()) return;
-    Mutex::Autolock lock(mLock);
-    if (mLastPeriodicCheck <= 0) {
+    {
+        Mutex::Autolock lock(mLock);
+        if (mLastPeriodicCheck <= 0) {
+            mLastPeriodicCheck = now;
+            return;
+        }
+        if (now - mLastPeriodicCheck < kPeriodicCheckNs) return;
         mLastPeriodicCheck = now;
-        return;
+        cleanupInactiveLayersLocked(now);
+        cleanupCandidatesLocked(now);
     }
-    if (now - mLastPeriodicCheck < kPeriodicCheckNs) return;
-    mLastPeriodicCheck = now;
-    cleanupInactiveLayersLocked(now);
-    cleanupCandidatesLocked(now);
+    // A posted check (after an fps-mode or focus change) is already on its way.
+    if (!mSceneCheckPending.load()) checkMultiLayer(now);
 }
 
 void LayerManager::setVsyncPeriod(int64_t period) {
@@ -293,6 +300,7 @@ void LayerManager::scheduleNotifyUserScene(int64_t delayNs) {
         const int64_t now = platform::now();
         cleanupInactiveLayers(now);
         cleanupCandidates(now);
+        checkMultiLayer(now);
     });
 }
 
@@ -438,34 +446,6 @@ void LayerManager::onFpsModeChangedLocked() {
     }
 }
 
-void LayerManager::onFeatureConfigChanged(Feature feature, const std::string& packageName) {
-    if (!isInitialized()) {
-        ALOGE("LayerManager not initialized");
-        return;
-    }
-    switch (feature) {
-        case CPU_BIG_JANK: {
-            Mutex::Autolock lock(mLock);
-            mCpuBigJankThreshold = FeatureManager::getInstance()->getCpuBigJankThresholdMs();
-            PerfProxy::XLOGD(LOG_TAG, "OnFeatureConfigChanged - CPU_BIG_JANK: mCpuBigJankThreshold=%dms",
-                             mCpuBigJankThreshold);
-            break;
-        }
-        case ACTV_NON_GAME_RESUME: {
-            const std::string checking = FeatureManager::getInstance()->getCheckingAliveApp();
-            Mutex::Autolock lock(mLock);
-            mCheckingAliveApp = checking;
-            // A package to check starts the check on the next measuring windows.
-            mAliveAppMissCount = checking.empty() ? -1 : 0;
-            PerfProxy::XLOGD(LOG_TAG, "OnFeatureConfigChanged - ACTV_NON_GAME_RESUME: checkingAliveApp=%s",
-                             mCheckingAliveApp.c_str());
-            break;
-        }
-        default:
-            break;
-    }
-}
-
 std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id) {
     Mutex::Autolock lock(mLock);
     auto it = mLayers.find(id);
@@ -486,6 +466,13 @@ std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id
     status.frameInterval = layer.mFrameInterval;
     status.removalDeadline = layer.mRemovalDeadline;
     status.lastQueueFlag = layer.mLastQueueFlag;
+    status.isGame = layer.mIsGame;
+    status.gameWeight = layer.mGameWeight;
+    status.gfrEnabled = layer.mGfrEnabled;
+    status.phrConfigValid = layer.mPhrConfigValid;
+    status.phrMinRate = layer.mPhrMinRate;
+    status.highFpsPhrMinRate = layer.mHighFpsPhrMinRate;
+    status.targetFps = layer.mTargetFps;
     return status;
 }
 
@@ -507,6 +494,23 @@ bool LayerManager::isCandidateLimitReached() {
 int32_t LayerManager::maxFpsMode() {
     Mutex::Autolock lock(mLock);
     return mMaxFpsMode;
+}
+
+size_t LayerManager::appInfoCount() {
+    Mutex::Autolock lock(mLock);
+    return mAppInfoMap.size();
+}
+
+std::optional<LayerManager::AppInfo> LayerManager::getAppInfo(int32_t uid) {
+    Mutex::Autolock lock(mLock);
+    auto it = mAppInfoMap.find(uid);
+    if (it == mAppInfoMap.end()) return std::nullopt;
+    return it->second;
+}
+
+int32_t LayerManager::lowLatencyPid() {
+    Mutex::Autolock lock(mLock);
+    return mLowLatencyPid;
 }
 
 int32_t LayerManager::cpuBigJankThresholdMs() {

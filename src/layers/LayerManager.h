@@ -61,6 +61,13 @@ public:
         int64_t frameInterval = 0;
         int64_t removalDeadline = 0;
         bool lastQueueFlag = false;
+        bool isGame = false;
+        int32_t gameWeight = -1;
+        bool gfrEnabled = false;
+        bool phrConfigValid = false;
+        float phrMinRate = 0.0f;
+        float highFpsPhrMinRate = 0.0f;
+        float targetFps = 0.0f;
     };
 
     static LayerManager* getInstance();
@@ -95,6 +102,16 @@ public:
     // name stands for the global entry. Called without any FeatureManager lock held.
     void onFeatureConfigChanged(Feature feature, const std::string& packageName);
 
+    // Classifies a newly promoted layer's app: from the per-uid cache at once, else on the boost
+    // thread ("game layer checker"), never on the caller's thread.
+    void checkAppInfo(int32_t layerId, const std::string& packageName, int32_t uid, int64_t now)
+            EXCLUDES(mLock);
+    // Tells the performance service which apps are on screen (edge-triggered) and gives the
+    // first visible game low-latency scheduling.
+    void checkMultiLayer(int64_t now) EXCLUDES(mLock);
+    // 0: full screen (or unknown), 2: windowed.
+    int32_t getWindowType(const Rect& bounds) const;
+
     void cleanupInactiveLayers(int64_t now) EXCLUDES(mLock);
     void cleanupCandidates(int64_t now) EXCLUDES(mLock);
     // Posts the clean-ups (and the on-screen-apps check) to the boost thread after delayNs.
@@ -110,6 +127,11 @@ public:
     int64_t vsyncPeriod() const { return mVsyncPeriod.load(); }
     int32_t vsyncMode() const { return mVsyncMode.load(); }
     int32_t cpuBigJankThresholdMs() EXCLUDES(mLock);
+    size_t appInfoCount() EXCLUDES(mLock);
+    std::optional<AppInfo> getAppInfo(int32_t uid) EXCLUDES(mLock);
+    int32_t lowLatencyPid() EXCLUDES(mLock);
+    bool isActvStable() const { return mActvStable.load(); }
+    bool hasConcurrencyEvent() const { return mConcurrencyEvent.load(); }
     bool isTrackingEnabled() const { return mTrackingEnabled.load(); }
 
 private:
@@ -131,6 +153,15 @@ private:
     void toggleFeaturesOnFpsLocked(LayerInfo& layer, bool matchesVsyncMode) REQUIRES(mLock);
     void onFpsModeChangedLocked() REQUIRES(mLock);
     int64_t computeGpuExecThresholdLocked(const LayerInfo& layer) const REQUIRES(mLock);
+    void gameLayerChecker(int32_t layerId, const std::string& packageName, int32_t uid,
+                          int64_t now) EXCLUDES(mLock);
+    void loadFeatureConfigsLocked(LayerInfo* layer) REQUIRES(mLock);
+    void setLowLatencyAppLocked(LayerInfo* layer) REQUIRES(mLock);
+    // The first tracked game's package: what a configuration for "all apps" applies to.
+    std::optional<std::string> blindModePackage() EXCLUDES(mLock);
+    void onQuickTouchConfigChanged(const std::string& packageName) EXCLUDES(mLock);
+    void onFrameRescueConfigChanged(const std::string& packageName) EXCLUDES(mLock);
+    void onTargetFpsConfigChanged(const std::string& packageName) EXCLUDES(mLock);
 
     std::atomic<bool> mInitialized{false};
     int32_t mDisplayWidth = -1;
@@ -141,6 +172,11 @@ private:
     std::unordered_map<int32_t, LayerCandidate> mCandidates GUARDED_BY(mLock);
     std::unordered_map<int32_t, sp<LayerInfo>> mLayers GUARDED_BY(mLock);
     std::unordered_map<int32_t, AppInfo> mAppInfoMap GUARDED_BY(mLock);
+    // The last on-screen-apps report, to send only changes.
+    int32_t mLastReportCount GUARDED_BY(mLock) = 0;
+    std::unordered_set<int32_t> mReportedUids GUARDED_BY(mLock);
+    std::unordered_map<int32_t, Rect> mReportedBounds GUARDED_BY(mLock);
+    int32_t mLowLatencyPid GUARDED_BY(mLock) = -1;
     int32_t mFocusedUid GUARDED_BY(mLock) = -1;
     std::atomic<int64_t> mVsyncPeriod{-1};
     std::atomic<int32_t> mVsyncMode{-1};
@@ -160,6 +196,8 @@ private:
     // Alive-app check: -1 idle; the package under check comes from the configuration.
     int32_t mAliveAppMissCount GUARDED_BY(mLock) = -1;
     std::string mCheckingAliveApp GUARDED_BY(mLock);
+    std::atomic<bool> mConcurrencyEvent{false};
+    std::atomic<bool> mActvStable{false};
 };
 
 } // namespace android

@@ -6,11 +6,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <future>
 #include <string>
 #include <vector>
 
 #include "PerfdControl.h"
 #include "layers/LayerManager.h"
+#include "perf/PerfProxy.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 
@@ -25,8 +28,12 @@ struct Producer {
     bool visible = true;
     bool latch = true;
     int64_t next = 0;
+    int32_t pid = 1000 + id;
+    android::Rect bounds{0, 0, 1080, 2400};
+    std::string layerName = std::string(); // empty: "com.app<id>/com.app<id>.Main#<id>"
 
     std::string name() const {
+        if (!layerName.empty()) return layerName;
         return "com.app" + std::to_string(id) + "/com.app" + std::to_string(id) + ".Main#" +
                std::to_string(id);
     }
@@ -42,10 +49,8 @@ protected:
     }
 
     void queue(Producer& p) {
-        lm->onBufferIncrement(p.name(), p.id, 1000 + p.id, p.uid, clock.now(), false, 0);
-        if (p.latch) {
-            lm->onBufferDecrement(p.name(), p.id, 0, android::Rect{0, 0, 1080, 2400}, p.focused, p.visible);
-        }
+        lm->onBufferIncrement(p.name(), p.id, p.pid, p.uid, clock.now(), false, 0);
+        if (p.latch) lm->onBufferDecrement(p.name(), p.id, 0, p.bounds, p.focused, p.visible);
     }
 
     // Plays the producers for `duration` on the manual clock, each frame at its exact time.
@@ -66,6 +71,19 @@ protected:
     }
 
     bool tracked(int32_t id) { return lm->getLayerStatus(id).has_value(); }
+
+    // Waits until every task posted to the boost thread so far has run: a marker due 1 ms
+    // later than anything already queued runs last. False without a boost thread.
+    bool drainBoostThread() {
+        auto done = std::make_shared<std::promise<void>>();
+        std::future<void> ran = done->get_future();
+        if (android::PerfProxy::getInstance()->postTaskDelayed(1'000'000, [done] {
+                done->set_value();
+            }) == 0) {
+            return false;
+        }
+        return ran.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+    }
 
     std::vector<std::vector<int>> fpsModeEvents() {
         std::vector<std::vector<int>> events;
