@@ -262,7 +262,7 @@ TEST(ApiAppInit, ReadsTheSwitchesAndWatchesThem) {
     aPelyxAppInit();
     EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "[App: ST:1, STM:1, STD:1]"), 1u);
     EXPECT_TRUE(pelyxSmartTouchEnabled());
-    const sp<InGameTracker> tracker = getInGameTracker();
+    InGameTracker* const tracker = getInGameTracker();
     ASSERT_NE(tracker, nullptr);
 
     // A false move switch never destroys the tracker.
@@ -285,7 +285,7 @@ TEST(ApiAppInit, MoveSwitchedOnLaterCreatesOneTracker) {
     auto changes = [&](const char* text) { return logs.count(kTag, ANDROID_LOG_DEBUG, text); };
     platform::setProperty(kSTM, "1");
     ASSERT_TRUE(waitFor([&] { return changes("[Prop Changed: STM: 1]") == 1; }));
-    const sp<InGameTracker> tracker = getInGameTracker();
+    InGameTracker* const tracker = getInGameTracker();
     ASSERT_NE(tracker, nullptr);
 
     platform::setProperty(kSTM, "0");
@@ -295,18 +295,23 @@ TEST(ApiAppInit, MoveSwitchedOnLaterCreatesOneTracker) {
     EXPECT_EQ(getInGameTracker(), tracker) << "an existing tracker is kept, not replaced";
 }
 
-TEST(ApiAppInit, SilentWithoutTraceAndARepeatReplacesTheTracker) {
+TEST(ApiAppInit, SilentWithoutTraceAndARepeatStartsTheTrackerAfresh) {
     platform::setProperty(kSTM, "1");
     LogCapture logs;
     aPelyxAppInit();
     EXPECT_TRUE(linesOf(logs, kTag).empty());
-    const sp<InGameTracker> first = getInGameTracker();
-    ASSERT_NE(first, nullptr);
+    InGameTracker* const tracker = getInGameTracker();
+    ASSERT_NE(tracker, nullptr);
+    tracker->trackMoveEvent(1'000'000'000);
+    tracker->queueBuffer(1'000'000'000);
+    tracker->queueBuffer(2'100'000'000); // one frame in a second: a mode, an interval
+    ASSERT_NE(tracker->getFrameInterval(), -1);
+    // App threads may hold the pointer: a repeat keeps the object and resets what it measured.
     aPelyxAppInit();
-    const sp<InGameTracker> second = getInGameTracker();
-    ASSERT_NE(second, nullptr);
-    EXPECT_NE(second, first);
-    EXPECT_EQ(first->getStrongCount(), 1) << "the process-wide reference was released";
+    EXPECT_EQ(getInGameTracker(), tracker);
+    EXPECT_EQ(tracker->getFrameInterval(), -1);
+    EXPECT_EQ(tracker->getFpsMode(), -1);
+    EXPECT_EQ(tracker->getTouchInterval(), InGameTracker::kInitialTouchInterval);
 }
 
 // ---- Forwarding to the layer registry ----

@@ -101,6 +101,35 @@ PELYX_EXPORT void pelyxFlushLatchUnsignaledGpuFences(void);
  */
 PELYX_EXPORT void aPelyxAppInit(void);
 
+/*
+ * App-side smart touch. Called by the app's buffer-queue code on its input and render threads;
+ * none blocks, takes a lock or allocates. All but aPelyxQueueBuffer and aPelyxSetVsyncTime do
+ * nothing until aPelyxAppInit has run in the process.
+ */
+
+/* Whether aPelyxAppInit has run in this process. */
+PELYX_EXPORT bool aPelyxSmartTouchActive(void);
+
+/* Around each queued buffer: true when its queueing starts, false when it is queued. */
+PELYX_EXPORT void aPelyxQueueBuffer(bool preQueue);
+
+/* A motion-event action code (down 0, up 1, move 2, pointer down 5, pointer up 6, hover
+ * move 7); a down or up after a pause boosts the compositor and makes the next buffer instant. */
+PELYX_EXPORT void aPelyxSetTouchEvent(int action);
+
+/* The time (ns, monotonic) of the vsync the app's next frame is drawn for. */
+PELYX_EXPORT void aPelyxSetVsyncTime(int64_t vsyncTime);
+
+/* For the buffer being queued: may turn an automatic timestamp into a present time in the past
+ * (an instant buffer) and clears bit 5 of *flags. A buffer with the app's own present time is
+ * left alone. */
+PELYX_EXPORT void aPelyxFilterBuffer(bool* isAutoTimestamp, int64_t* desiredPresentTime,
+                                     uint32_t* flags);
+
+/* For a pending MOVE batch: writes whether the app consumes it now or holds it until its next
+ * frame is near; leaves *consumeNow unwritten when it has no opinion. */
+PELYX_EXPORT void aPelyxConsumeInputNow(bool* consumeNow);
+
 #ifdef __cplusplus
 }
 #endif

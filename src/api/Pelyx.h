@@ -47,7 +47,7 @@ void onSTPropChanged(bool value);
 void onSTMPropChanged(bool value);
 
 // The app-side tracker, or null until the move switch was seen on (or its allocation failed).
-// Any thread; the returned reference keeps it alive.
-sp<InGameTracker> getInGameTracker();
+// Lock-free, any thread; once created it lives until the library is unloaded.
+InGameTracker* getInGameTracker();
 
 } // namespace android

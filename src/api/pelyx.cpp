@@ -48,10 +48,24 @@ constexpr int kPerfClientId = 4;
 // Only pelyxInit takes it.
 Mutex gStartupLock;
 
-// sp<> is not atomic, and a watcher thread may create the tracker while the app's start-up
-// replaces it and its input thread reads it.
+// The tracker is created at most once and then lives until unload, so the app's threads read
+// it through a plain atomic pointer without a lock; a repeated app start-up starts it afresh in
+// place. The sp owns it (released at unload); the lock only orders the creators.
 Mutex gTrackerLock;
 sp<InGameTracker> gInGameTracker GUARDED_BY(gTrackerLock);
+std::atomic<InGameTracker*> gTracker{nullptr};
+
+// Creates the tracker, or with `fresh` resets the one there is. Creation may fail (no memory):
+// the tracker stays absent and the move decisions stay off.
+void provideTracker(bool fresh) {
+    Mutex::Autolock lock(gTrackerLock);
+    if (gInGameTracker != nullptr) {
+        if (fresh) gInGameTracker->reset();
+        return;
+    }
+    gInGameTracker = new (std::nothrow) InGameTracker();
+    gTracker.store(gInGameTracker.get(), std::memory_order_release);
+}
 
 void set(std::atomic<bool>& flag, bool value) {
     flag.store(value, std::memory_order_relaxed);
@@ -142,16 +156,12 @@ void onSTPropChanged(bool value) {
 
 void onSTMPropChanged(bool value) {
     set(gEntryFlags.smartTouchMove, value);
-    if (value) {
-        Mutex::Autolock lock(gTrackerLock);
-        if (gInGameTracker == nullptr) gInGameTracker = new (std::nothrow) InGameTracker();
-    }
+    if (value) provideTracker(false);
     if (isOn(gEntryFlags.trace)) ALOGD("[Prop Changed: STM: %d]", value);
 }
 
-sp<InGameTracker> getInGameTracker() {
-    Mutex::Autolock lock(gTrackerLock);
-    return gInGameTracker;
+InGameTracker* getInGameTracker() {
+    return gTracker.load(std::memory_order_acquire);
 }
 
 } // namespace android
@@ -183,11 +193,7 @@ void aPelyxAppInit(void) {
     set(gEntryFlags.smartTouch, smartTouch);
     set(gEntryFlags.smartTouchMove, smartTouchMove);
     set(gEntryFlags.trace, trace);
-    if (smartTouchMove) {
-        sp<InGameTracker> tracker = new (std::nothrow) InGameTracker();
-        Mutex::Autolock lock(gTrackerLock);
-        gInGameTracker = tracker;
-    }
+    if (smartTouchMove) provideTracker(true);
     if (trace) {
         ALOGD("[App: ST:%d, STM:%d, STD:%d]", smartTouch, smartTouchMove,
               isOn(gEntryFlags.appSide));
