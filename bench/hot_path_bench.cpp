@@ -149,6 +149,20 @@ void BM_HotPath_Vsync(benchmark::State& state) {
 }
 BENCHMARK(BM_HotPath_Vsync);
 
+// An app that names its layer with 1 MiB and no package, queueing at 120 Hz: after the first
+// buffer the registry must not look at the name again.
+void BM_HotPath_PackagelessHugeName(benchmark::State& state) {
+    startLibrary();
+    android::platform::host::setCallingIdentity(12345, 10999);
+    const std::string name(1 << 20, 'n');
+    pelyxTrackBufferIncrement(name.c_str(), 900, false, 0, manualNow()); // the one real look
+    for (auto _ : state) {
+        pelyxTrackBufferIncrement(name.c_str(), 900, false, 0, manualNow());
+        gNow.fetch_add(8'333'333, std::memory_order_relaxed);
+    }
+}
+BENCHMARK(BM_HotPath_PackagelessHugeName);
+
 void BM_Floor_EmptyExportedCall(benchmark::State& state) {
     startLibrary();
     for (auto _ : state) {

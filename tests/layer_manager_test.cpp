@@ -331,3 +331,29 @@ TEST_F(Registry, AliveAppCheckGivesUpAfterThreeMisses) {
         if (call.fn == "perf_event") EXPECT_NE(call.ints.at(0), 4099);
     }
 }
+
+TEST_F(Registry, NamesWithoutPackageAreJudgedOncePerLayerUntilTheNameChanges) {
+    Producer p{5, k60Hz};
+    p.layerName = std::string(1 << 20, 'x'); // an app's 1 MiB name with no package in it
+    run({&p}, 600 * kMs);
+    EXPECT_EQ(lm->candidateCount(), 0u);
+
+    // The same layer renamed to something with a package is looked at again.
+    p.layerName = "com.app5/com.app5.Main#5";
+    queue(p);
+    EXPECT_EQ(lm->candidateCount(), 1u);
+
+    // So is a name that differs only past the part that is remembered.
+    Producer q{6, k60Hz};
+    q.layerName = std::string(300, 'y');
+    queue(q);
+    q.layerName = std::string(300, 'y') + "/x#6";
+    queue(q);
+    EXPECT_EQ(lm->candidateCount(), 1u) << "a layer keeps its name; only the first bytes are compared";
+    Producer r{7, k60Hz};
+    r.layerName = "short";
+    queue(r);
+    r.layerName = "short/x#7";
+    queue(r);
+    EXPECT_EQ(lm->candidateCount(), 2u);
+}

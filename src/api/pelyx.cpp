@@ -221,13 +221,11 @@ void pelyxTrackBufferIncrement(const char* layerName, int32_t layerId, bool flag
                                int64_t timestamp) {
     if (!isOn(gEntryFlags.enabled)) return;
     guarded("pelyxTrackBufferIncrement", [&] {
-        // Reused per thread: layer names outgrow the small-string buffer and this runs for
-        // every queued buffer.
-        thread_local std::string tName;
-        tName.assign(layerName ? layerName : "");
+        // The name is read in place: a tracked layer's buffer never needs it, so the copy is
+        // left to the registry's first look at a layer.
         // The compositor's flag means the opposite of what the registry takes.
         const bool registryFlag = !flag;
-        LayerManager::getInstance()->onBufferIncrement(tName, layerId, platform::getCallingPid(),
+        LayerManager::getInstance()->onBufferIncrement(layerName, layerId, platform::getCallingPid(),
                                                        platform::getCallingUid(), timestamp,
                                                        registryFlag, value);
     });
@@ -237,11 +235,10 @@ void pelyxTrackBufferDecrement(const char* layerName, int32_t layerId, int32_t p
                                const PelyxRect* bounds, bool focused, bool visible) {
     if (!isOn(gEntryFlags.enabled)) return;
     guarded("pelyxTrackBufferDecrement", [&] {
-        thread_local std::string tName;
-        tName.assign(layerName ? layerName : "");
         const Rect rect = bounds ? Rect{bounds->left, bounds->top, bounds->right, bounds->bottom}
                                  : Rect::INVALID_RECT;
-        LayerManager::getInstance()->onBufferDecrement(tName, layerId, pendingCount, rect, focused,
+        LayerManager::getInstance()->onBufferDecrement(layerName ? layerName : "", layerId,
+                                                       pendingCount, rect, focused,
                                                        visible);
     });
 }

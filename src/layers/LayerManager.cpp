@@ -5,6 +5,7 @@
 #include <log/log.h>
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -28,6 +29,8 @@ constexpr int kEventMaxFpsMode = 4196;
 constexpr int kCpuBigJankBoostLevel = 5;
 constexpr int kAliveAppMaxMisses = 3;
 constexpr int kAliveAppMinMatches = 4;
+constexpr size_t kPackagelessPrefix = 256;
+constexpr size_t kMaxPackageless = 64;
 
 std::mutex gInstanceMutex;
 std::atomic<LayerManager*> gInstance{nullptr};
@@ -95,6 +98,7 @@ void LayerManager::stop() {
     mLayers.clear();
     mCandidates.clear();
     mAppInfoMap.clear();
+    mPackageless.clear();
 }
 
 sp<LayerInfo> LayerManager::getLayer(int32_t id) {
@@ -139,7 +143,11 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
                 }
             }
             // Layers without a package are never tracked.
-            if (packageName.empty()) return nullptr;
+            if (packageName.empty()) {
+                rememberPackagelessLocked(id, name, uid);
+                return nullptr;
+            }
+            mPackageless.erase(id);
             cleanupCands = mCandidates.size() > kMaxCandidates;
             LayerCandidate fresh;
             fresh.packageName = std::move(packageName);
@@ -156,16 +164,21 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
     return promoted;
 }
 
-void LayerManager::onBufferIncrement(const std::string& name, int32_t id, int32_t pid,
-                                     int32_t uid, int64_t timestamp, bool flag, uint32_t value) {
+void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, int32_t uid,
+                                     int64_t timestamp, bool flag, uint32_t value) {
     if (id < 1 || !mTrackingEnabled.load()) return;
+    if (!name) name = "";
     const int64_t now = platform::now();
     QueuedFrame frame;
     {
         // Steady state: one lookup and the update under a single lock.
         Mutex::Autolock lock(mLock);
         auto it = mLayers.find(id);
-        if (it != mLayers.end()) frame = onQueueLocked(it->second, now, flag);
+        if (it != mLayers.end()) {
+            frame = onQueueLocked(it->second, now, flag);
+        } else if (isKnownPackagelessLocked(id, name, uid)) {
+            return;
+        }
     }
     if (!frame.layer) {
         sp<LayerInfo> layer = getOrCreateLayer(name, id, pid, uid, timestamp);
@@ -219,7 +232,7 @@ LayerManager::QueuedFrame LayerManager::onQueueLocked(const sp<LayerInfo>& layer
     return QueuedFrame{layer, layer->mFpsMode, layer->mFrameInterval, mCpuBigJankThreshold};
 }
 
-void LayerManager::onBufferDecrement(const std::string& name, int32_t id, int32_t pendingCount,
+void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendingCount,
                                      const Rect& bounds, bool focused, bool visible) {
     if (!mTrackingEnabled.load() || mTrackedLayerCount.load() == 0) return;
     Mutex::Autolock lock(mLock);
@@ -256,6 +269,27 @@ void LayerManager::onBufferDecrement(const std::string& name, int32_t id, int32_
     }
     auto app = mAppInfoMap.find(layer.mUid);
     if (app != mAppInfoMap.end()) app->second.lastSeenTime = now;
+}
+
+bool LayerManager::isKnownPackagelessLocked(int32_t id, const char* name, int32_t uid) {
+    auto it = mPackageless.find(id);
+    if (it == mPackageless.end()) return false;
+    const PackagelessName& known = it->second;
+    const size_t n = known.prefix.size();
+    const bool sameName = strncmp(name, known.prefix.c_str(), n) == 0 &&
+            (n == kPackagelessPrefix || name[n] == '\0');
+    // A classified app of this uid can lend the layer its package now.
+    const bool appKnown = uid >= 1 && mAppInfoMap.count(uid) > 0;
+    if (sameName && known.uid == uid && !appKnown) return true;
+    mPackageless.erase(it);
+    return false;
+}
+
+void LayerManager::rememberPackagelessLocked(int32_t id, const std::string& name, int32_t uid) {
+    if (mPackageless.size() >= kMaxPackageless && mPackageless.count(id) == 0) {
+        mPackageless.clear(); // bounded; a forgotten name is just examined once more
+    }
+    mPackageless[id] = PackagelessName{name.substr(0, kPackagelessPrefix), uid};
 }
 
 void LayerManager::onVsync(int64_t now) {

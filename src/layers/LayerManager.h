@@ -84,11 +84,22 @@ public:
     sp<LayerInfo> getOrCreateLayer(const std::string& name, int32_t id, int32_t pid, int32_t uid,
                                    int64_t now) EXCLUDES(mLock);
 
-    // Compositor buffer, latch and vsync events. None blocks beyond the registry mutex.
-    void onBufferIncrement(const std::string& name, int32_t id, int32_t pid, int32_t uid,
+    // Compositor buffer, latch and vsync events. None blocks beyond the registry mutex. Names
+    // are NUL-terminated and stay the caller's; a tracked layer's buffer never reads its name,
+    // and a name that gave no package is not examined again for that layer id (see
+    // isKnownPackagelessLocked), so an app's choice of name costs the compositor nothing per frame.
+    void onBufferIncrement(const char* name, int32_t id, int32_t pid, int32_t uid,
                            int64_t timestamp, bool flag, uint32_t value) EXCLUDES(mLock);
-    void onBufferDecrement(const std::string& name, int32_t id, int32_t pendingCount,
+    void onBufferIncrement(const std::string& name, int32_t id, int32_t pid, int32_t uid,
+                           int64_t timestamp, bool flag, uint32_t value) EXCLUDES(mLock) {
+        onBufferIncrement(name.c_str(), id, pid, uid, timestamp, flag, value);
+    }
+    void onBufferDecrement(const char* name, int32_t id, int32_t pendingCount,
                            const Rect& bounds, bool focused, bool visible) EXCLUDES(mLock);
+    void onBufferDecrement(const std::string& name, int32_t id, int32_t pendingCount,
+                           const Rect& bounds, bool focused, bool visible) EXCLUDES(mLock) {
+        onBufferDecrement(name.c_str(), id, pendingCount, bounds, focused, visible);
+    }
     void onVsync(int64_t now) EXCLUDES(mLock);
     void setVsyncPeriod(int64_t period) EXCLUDES(mLock);
     void unblockPendingBuffer() EXCLUDES(mLock);
@@ -147,6 +158,15 @@ private:
         int32_t bigJankThresholdMs = 0;
     };
     QueuedFrame onQueueLocked(const sp<LayerInfo>& layer, int64_t now, bool flag) REQUIRES(mLock);
+    // A layer id whose name gave no package: remembered by the name's first bytes (a layer keeps
+    // its name for life) and the uid, until a classified app of that uid could name it.
+    struct PackagelessName {
+        std::string prefix;
+        int32_t uid;
+    };
+    bool isKnownPackagelessLocked(int32_t id, const char* name, int32_t uid) REQUIRES(mLock);
+    void rememberPackagelessLocked(int32_t id, const std::string& name, int32_t uid)
+            REQUIRES(mLock);
     void cleanupInactiveLayersLocked(int64_t now) REQUIRES(mLock);
     void cleanupCandidatesLocked(int64_t now) REQUIRES(mLock);
     void unregisterLayerLocked(LayerInfo& layer) REQUIRES(mLock);
@@ -172,6 +192,7 @@ private:
     std::unordered_map<int32_t, LayerCandidate> mCandidates GUARDED_BY(mLock);
     std::unordered_map<int32_t, sp<LayerInfo>> mLayers GUARDED_BY(mLock);
     std::unordered_map<int32_t, AppInfo> mAppInfoMap GUARDED_BY(mLock);
+    std::unordered_map<int32_t, PackagelessName> mPackageless GUARDED_BY(mLock);
     // The last on-screen-apps report, to send only changes.
     int32_t mLastReportCount GUARDED_BY(mLock) = 0;
     std::unordered_set<int32_t> mReportedUids GUARDED_BY(mLock);
