@@ -94,11 +94,32 @@ void LayerManager::init(bool smartTouchOrPhr, int32_t displayWidth, int32_t disp
 void LayerManager::stop() {
     if (!mInitialized.exchange(false)) return;
     Mutex::Autolock lock(mLock);
+    if (mGfrMonitor) mGfrMonitor->forceStop();
     mTrackedLayerCount.store(0);
     mLayers.clear();
     mCandidates.clear();
     mAppInfoMap.clear();
     mPackageless.clear();
+}
+
+bool LayerManager::initGFREnv() {
+    Mutex::Autolock lock(mLock);
+    initGFREnvLocked();
+    return mGfrReady;
+}
+
+void LayerManager::initGFREnvLocked() {
+    if (mGfrReady) return;
+    GFRMonitor& monitor = GFRMonitor::getInstance();
+    if (!monitor.init()) {
+        ALOGE("Failed to initialize GFRMonitor");
+        mGfrMonitor = nullptr;
+        return;
+    }
+    monitor.setVsyncInfo(mVsyncPeriod.load(), mVsyncMode.load());
+    mGfrMonitor = &monitor;
+    mGfrReady = true;
+    PerfProxy::XLOGD(LOG_TAG, "GFRMonitor initialized");
 }
 
 sp<LayerInfo> LayerManager::getLayer(int32_t id) {
@@ -198,8 +219,10 @@ void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, 
         PerfProxy::XTRACE_END();
     }
 
-    // The frame-rescue and headroom monitors take the buffer here once they exist.
-    frame.layer->mLastProcessedTime.store(platform::now(), std::memory_order_relaxed);
+    if (frame.gfr) frame.gfr->onQueueBegin(id, now, frame.frameInterval, frame.timeToPresent);
+    const int64_t processed = platform::now();
+    frame.layer->mLastProcessedTime.store(processed, std::memory_order_relaxed);
+    if (frame.gfr) frame.gfr->onQueueEnd(id, processed, frame.gfrTargetFps);
 }
 
 LayerManager::QueuedFrame LayerManager::onQueueLocked(const sp<LayerInfo>& layer, int64_t now,
@@ -229,7 +252,13 @@ LayerManager::QueuedFrame LayerManager::onQueueLocked(const sp<LayerInfo>& layer
             scheduleNotifyUserScene(0);
         }
     }
-    return QueuedFrame{layer, layer->mFpsMode, layer->mFrameInterval, mCpuBigJankThreshold};
+    QueuedFrame frame{layer, layer->mFpsMode, layer->mFrameInterval, layer->mTimeToPresent,
+                      mCpuBigJankThreshold};
+    if (layer->mGfrActive && layer->mGfrRegistered && mGfrMonitor) {
+        frame.gfr = mGfrMonitor;
+        frame.gfrTargetFps = layer->mTargetFpsActive ? layer->mTargetFps : 0.0f;
+    }
+    return frame;
 }
 
 void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendingCount,
@@ -240,6 +269,17 @@ void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendi
     if (it == mLayers.end()) return;
     LayerInfo& layer = *it->second;
     const int64_t now = platform::now();
+
+    if (layer.mGfrActive && layer.mGfrRegistered && mGfrMonitor) {
+        int32_t dropped = 0;
+        const int64_t period = mVsyncPeriod.load();
+        if (period > 0 && layer.mLastLatchTime > 0) {
+            // Whole vsyncs since the previous latch, rounded to the nearest.
+            const int64_t vsyncs = std::max<int64_t>((now + period / 2 - layer.mLastLatchTime) / period, 1);
+            dropped = static_cast<int32_t>(std::min<int64_t>(vsyncs - 1, INT32_MAX));
+        }
+        mGfrMonitor->updateFrameDropWindow(id, dropped);
+    }
 
     layer.mPendingLatchFenceTime = 0;
     layer.mPendingLatchFenceFd = -1;
@@ -320,6 +360,10 @@ void LayerManager::setVsyncPeriod(int64_t period) {
         ALOGE("Unexpected vsync received: %lld", static_cast<long long>(period));
         return;
     }
+    {
+        Mutex::Autolock lock(mLock);
+        if (mGfrMonitor) mGfrMonitor->setVsyncInfo(period, mode);
+    }
     PerfProxy::XLOGD(LOG_TAG, "vsync: %lld", static_cast<long long>(period));
 }
 
@@ -356,6 +400,10 @@ void LayerManager::cleanupInactiveLayersLocked(int64_t now) {
             layer->mRemovalDeadline = now + kRemovalDelayNs;
             PerfProxy::XLOGD(LOG_TAG, "Layer %d [%s] marked for removal (no frame update within 1s)",
                              id, layer->mName.c_str());
+            if (layer->mGfrActive && layer->mGfrRegistered && mGfrMonitor) {
+                layer->mGfrActive = false;
+                mGfrMonitor->setGFRActive(id, false);
+            }
         }
     }
 
@@ -429,6 +477,7 @@ void LayerManager::cleanupCandidatesLocked(int64_t now) {
 void LayerManager::unregisterLayerLocked(LayerInfo& layer) {
     const int32_t id = layer.mId;
     const std::string name = layer.mName;
+    if (layer.mGfrRegistered && mGfrMonitor) mGfrMonitor->unregisterLayer(id);
     mLayers.erase(id);
     mTrackedLayerCount.fetch_sub(1);
     if (id == mMaxFpsModeLayerId) onFpsModeChangedLocked();
@@ -436,8 +485,29 @@ void LayerManager::unregisterLayerLocked(LayerInfo& layer) {
 }
 
 void LayerManager::toggleFeaturesOnFpsLocked(LayerInfo& layer, bool matchesVsyncMode) {
-    // The frame-rescue and headroom switches act on their monitors, which join later; what
-    // needs no monitor is the alive-app check.
+    const bool eligible = matchesVsyncMode && layer.mGameWeight != -1 && layer.mVisible;
+    if (!eligible) {
+        if (layer.mGfrActive && layer.mGfrRegistered && mGfrMonitor) {
+            layer.mGfrActive = false;
+            mGfrMonitor->setGFRActive(layer.mId, false);
+        }
+    } else {
+        if (!mGfrReady && layer.mGfrEnabled) initGFREnvLocked();
+        if (layer.mGfrEnabled && !layer.mGfrActive && mGfrMonitor) {
+            if (!layer.mGfrRegistered) {
+                mGfrMonitor->registerLayer(layer.mId, layer.mName, layer.mPackageName);
+                layer.mGfrRegistered = true;
+                PerfProxy::XLOGD(LOG_TAG, "GFR: Registered layer %d [%s]", layer.mId,
+                                 layer.mName.c_str());
+            }
+            layer.mGfrActive = true;
+            mGfrMonitor->setGFRActive(layer.mId, true);
+        }
+    }
+    checkAliveAppLocked(layer);
+}
+
+void LayerManager::checkAliveAppLocked(LayerInfo& layer) {
     if (mAliveAppMissCount < 0 && layer.mAliveAppMatchCount < 1) return;
     if (layer.mPackageName == mCheckingAliveApp) {
         layer.mAliveAppMatchCount++;
@@ -503,6 +573,8 @@ std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id
     status.isGame = layer.mIsGame;
     status.gameWeight = layer.mGameWeight;
     status.gfrEnabled = layer.mGfrEnabled;
+    status.gfrActive = layer.mGfrActive;
+    status.gfrRegistered = layer.mGfrRegistered;
     status.phrConfigValid = layer.mPhrConfigValid;
     status.phrMinRate = layer.mPhrMinRate;
     status.highFpsPhrMinRate = layer.mHighFpsPhrMinRate;

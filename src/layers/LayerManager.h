@@ -12,6 +12,7 @@
 #include <unordered_set>
 
 #include "config/FeatureManager.h"
+#include "gfr/GFRMonitor.h"
 #include "layers/LayerInfo.h"
 #include "layers/Rect.h"
 
@@ -64,6 +65,8 @@ public:
         bool isGame = false;
         int32_t gameWeight = -1;
         bool gfrEnabled = false;
+        bool gfrActive = false;
+        bool gfrRegistered = false;
         bool phrConfigValid = false;
         float phrMinRate = 0.0f;
         float highFpsPhrMinRate = 0.0f;
@@ -78,6 +81,8 @@ public:
     void stop() EXCLUDES(mLock);
     bool isInitialized() const { return mInitialized.load(); }
     void setSmartTouchEnable(bool enable) { mSmartTouchEnabled.store(enable); }
+    // Starts the frame-rescue monitor once (a layer first needs it); false when it cannot run.
+    bool initGFREnv() EXCLUDES(mLock);
     bool isSmartTouchEnabled() const { return mSmartTouchEnabled.load(); }
 
     sp<LayerInfo> getLayer(int32_t id) EXCLUDES(mLock);
@@ -155,8 +160,12 @@ private:
         sp<LayerInfo> layer;
         int32_t fpsMode = -1;
         int64_t frameInterval = 0;
+        int64_t timeToPresent = 0;
         int32_t bigJankThresholdMs = 0;
+        GFRMonitor* gfr = nullptr; // set when the frame goes to frame rescue
+        float gfrTargetFps = 0.0f;
     };
+    void initGFREnvLocked() REQUIRES(mLock);
     QueuedFrame onQueueLocked(const sp<LayerInfo>& layer, int64_t now, bool flag) REQUIRES(mLock);
     // A layer id whose name gave no package: remembered by the name's first bytes (a layer keeps
     // its name for life) and the uid, until a classified app of that uid could name it.
@@ -171,6 +180,7 @@ private:
     void cleanupCandidatesLocked(int64_t now) REQUIRES(mLock);
     void unregisterLayerLocked(LayerInfo& layer) REQUIRES(mLock);
     void toggleFeaturesOnFpsLocked(LayerInfo& layer, bool matchesVsyncMode) REQUIRES(mLock);
+    void checkAliveAppLocked(LayerInfo& layer) REQUIRES(mLock);
     void onFpsModeChangedLocked() REQUIRES(mLock);
     int64_t computeGpuExecThresholdLocked(const LayerInfo& layer) const REQUIRES(mLock);
     void gameLayerChecker(int32_t layerId, const std::string& packageName, int32_t uid,
@@ -189,6 +199,9 @@ private:
 
     Mutex mLock;
     std::atomic<int32_t> mTrackedLayerCount{0};
+    // The monitors once they run; their own locks come after the registry mutex.
+    GFRMonitor* mGfrMonitor GUARDED_BY(mLock) = nullptr;
+    bool mGfrReady GUARDED_BY(mLock) = false;
     std::unordered_map<int32_t, LayerCandidate> mCandidates GUARDED_BY(mLock);
     std::unordered_map<int32_t, sp<LayerInfo>> mLayers GUARDED_BY(mLock);
     std::unordered_map<int32_t, AppInfo> mAppInfoMap GUARDED_BY(mLock);

@@ -209,10 +209,14 @@ void LayerManager::onFrameRescueConfigChanged(const std::string& pkg) {
     for (auto& [id, layer] : mLayers) {
         if (layer->mPackageName != pkg) continue;
         const bool enabled = tunables.has_value() && frameRescueAllowed(*layer);
+        const bool registered = layer->mGfrRegistered && mGfrMonitor;
         if (enabled != layer->mGfrEnabled) {
+            // Re-armed, if still wanted, at the layer's next measuring window.
             layer->mGfrEnabled = enabled;
             layer->mGfrActive = false;
+            if (registered) mGfrMonitor->setGFRActive(id, false);
         }
+        if (enabled && registered) mGfrMonitor->updateLayerTunables(id, *tunables);
         if (!logged) {
             PerfProxy::XLOGD(LOG_TAG, "OnFeatureConfigChanged - FRAME_RESCUE: gfrEnabled=%d, pkgName=%s",
                              enabled, pkg.c_str());
