@@ -57,10 +57,9 @@ public:
 
     bool mGfrEnabled = false;     // frame rescue wanted by the per-app configuration
     bool mGfrRegistered = false;  // known to the GFR monitor
-    bool mGfrActive = false;
-    bool mPhrEnabled = false;     // headroom wanted
+    bool mGfrActive = false;      // checks running for this layer
     bool mPhrRegistered = false;  // known to the PHR monitor
-    bool mPhrConfigValid = false;
+    bool mPhrConfigValid = false; // headroom rates configured for the app: headroom wanted
     float mPhrMinRate = 0.0f;
     float mHighFpsPhrMinRate = 0.0f;
 

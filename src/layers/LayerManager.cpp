@@ -95,6 +95,7 @@ void LayerManager::stop() {
     if (!mInitialized.exchange(false)) return;
     Mutex::Autolock lock(mLock);
     if (mGfrMonitor) mGfrMonitor->forceStop();
+    if (mPhrMonitor) mPhrMonitor->forceStop(); // releases every held queue thread
     mTrackedLayerCount.store(0);
     mLayers.clear();
     mCandidates.clear();
@@ -120,6 +121,26 @@ void LayerManager::initGFREnvLocked() {
     mGfrMonitor = &monitor;
     mGfrReady = true;
     PerfProxy::XLOGD(LOG_TAG, "GFRMonitor initialized");
+}
+
+bool LayerManager::initPHREnv() {
+    Mutex::Autolock lock(mLock);
+    initPHREnvLocked();
+    return mPhrReady;
+}
+
+void LayerManager::initPHREnvLocked() {
+    if (mPhrReady || !(mSmartTouchEnabled.load() || mTargetFpsEnabled)) return;
+    PHRMonitor* monitor = PHRMonitor::getInstance();
+    if (!monitor->init()) {
+        ALOGE("Failed to initialize PHRMonitor");
+        mPhrMonitor = nullptr;
+        return;
+    }
+    if (mVsyncMode.load() != 0) monitor->setVsyncInfo(mVsyncPeriod.load(), mVsyncMode.load());
+    mPhrMonitor = monitor;
+    mPhrReady = true;
+    PerfProxy::XLOGD(LOG_TAG, "PHRMonitor initialized");
 }
 
 sp<LayerInfo> LayerManager::getLayer(int32_t id) {
@@ -220,6 +241,8 @@ void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, 
     }
 
     if (frame.gfr) frame.gfr->onQueueBegin(id, now, frame.frameInterval, frame.timeToPresent);
+    // May hold this thread until the buffer's headroom point: never under the registry lock.
+    if (frame.phr) frame.phr->onBufferIncrement(id, frame.frameInterval, now, value != 0);
     const int64_t processed = platform::now();
     frame.layer->mLastProcessedTime.store(processed, std::memory_order_relaxed);
     if (frame.gfr) frame.gfr->onQueueEnd(id, processed, frame.gfrTargetFps);
@@ -258,6 +281,7 @@ LayerManager::QueuedFrame LayerManager::onQueueLocked(const sp<LayerInfo>& layer
         frame.gfr = mGfrMonitor;
         frame.gfrTargetFps = layer->mTargetFpsActive ? layer->mTargetFps : 0.0f;
     }
+    if (layer->mPhrRegistered && mPhrMonitor) frame.phr = mPhrMonitor;
     return frame;
 }
 
@@ -309,6 +333,11 @@ void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendi
     }
     auto app = mAppInfoMap.find(layer.mUid);
     if (app != mAppInfoMap.end()) app->second.lastSeenTime = now;
+
+    if (layer.mPhrConfigValid && layer.mPhrRegistered && mPhrMonitor &&
+        layer.mFpsMode == mVsyncMode.load()) {
+        mPhrMonitor->onBufferDecrement(id, pendingCount, now);
+    }
 }
 
 bool LayerManager::isKnownPackagelessLocked(int32_t id, const char* name, int32_t uid) {
@@ -336,6 +365,7 @@ void LayerManager::onVsync(int64_t now) {
     if (!mTrackingEnabled.load()) return;
     {
         Mutex::Autolock lock(mLock);
+        if (mPhrMonitor) mPhrMonitor->onVsync(now);
         if (mLastPeriodicCheck <= 0) {
             mLastPeriodicCheck = now;
             return;
@@ -363,13 +393,20 @@ void LayerManager::setVsyncPeriod(int64_t period) {
     {
         Mutex::Autolock lock(mLock);
         if (mGfrMonitor) mGfrMonitor->setVsyncInfo(period, mode);
+        if (mPhrMonitor) mPhrMonitor->setVsyncInfo(period, mode);
     }
     PerfProxy::XLOGD(LOG_TAG, "vsync: %lld", static_cast<long long>(period));
 }
 
 void LayerManager::unblockPendingBuffer() {
     if (!mTrackingEnabled.load() || mTrackedLayerCount.load() == 0) return;
-    // Held queue threads exist only once the headroom monitor runs; it releases them here.
+    Mutex::Autolock lock(mLock);
+    if (!mPhrMonitor) return;
+    for (const auto& [id, layer] : mLayers) {
+        if (layer->mActive && layer->mPhrConfigValid && layer->mPhrRegistered) {
+            mPhrMonitor->unblockBuffer(id);
+        }
+    }
 }
 
 void LayerManager::scheduleNotifyUserScene(int64_t delayNs) {
@@ -403,6 +440,9 @@ void LayerManager::cleanupInactiveLayersLocked(int64_t now) {
             if (layer->mGfrActive && layer->mGfrRegistered && mGfrMonitor) {
                 layer->mGfrActive = false;
                 mGfrMonitor->setGFRActive(id, false);
+            }
+            if (layer->mPhrConfigValid && layer->mPhrRegistered && mPhrMonitor) {
+                mPhrMonitor->setQuickTouchStatus(id, false);
             }
         }
     }
@@ -478,6 +518,7 @@ void LayerManager::unregisterLayerLocked(LayerInfo& layer) {
     const int32_t id = layer.mId;
     const std::string name = layer.mName;
     if (layer.mGfrRegistered && mGfrMonitor) mGfrMonitor->unregisterLayer(id);
+    if (layer.mPhrRegistered && mPhrMonitor) mPhrMonitor->unregisterLayer(id);
     mLayers.erase(id);
     mTrackedLayerCount.fetch_sub(1);
     if (id == mMaxFpsModeLayerId) onFpsModeChangedLocked();
@@ -486,10 +527,14 @@ void LayerManager::unregisterLayerLocked(LayerInfo& layer) {
 
 void LayerManager::toggleFeaturesOnFpsLocked(LayerInfo& layer, bool matchesVsyncMode) {
     const bool eligible = matchesVsyncMode && layer.mGameWeight != -1 && layer.mVisible;
+    const bool headroomWanted = layer.mPhrConfigValid || layer.mTargetFps > 0.0f;
     if (!eligible) {
         if (layer.mGfrActive && layer.mGfrRegistered && mGfrMonitor) {
             layer.mGfrActive = false;
             mGfrMonitor->setGFRActive(layer.mId, false);
+        }
+        if (layer.mPhrConfigValid && layer.mPhrRegistered && mPhrMonitor) {
+            mPhrMonitor->setQuickTouchStatus(layer.mId, false);
         }
     } else {
         if (!mGfrReady && layer.mGfrEnabled) initGFREnvLocked();
@@ -503,6 +548,28 @@ void LayerManager::toggleFeaturesOnFpsLocked(LayerInfo& layer, bool matchesVsync
             layer.mGfrActive = true;
             mGfrMonitor->setGFRActive(layer.mId, true);
         }
+        if (!mPhrReady && headroomWanted) initPHREnvLocked();
+        if (headroomWanted && mPhrMonitor) {
+            if (!layer.mPhrRegistered) {
+                mPhrMonitor->registerLayer(layer.mId, layer.mName, layer.mPhrMinRate,
+                                           layer.mHighFpsPhrMinRate);
+                layer.mPhrRegistered = true;
+                PerfProxy::XLOGD(LOG_TAG, "PHR: Registered layer %d [%s]", layer.mId,
+                                 layer.mName.c_str());
+            }
+            if (!layer.mTargetFpsActive && layer.mTargetFps > 0.0f && layer.mFps > layer.mTargetFps) {
+                layer.mTargetFpsActive = true;
+                mPhrMonitor->setTargetFpsStatus(layer.mId, true, layer.mFps, layer.mTargetFps);
+            }
+        }
+    }
+    // A paced layer that can no longer reach its target (2 fps of slack) stops pacing, unless a
+    // smooth switch is still under way or compensation is not allowed.
+    if (mPhrMonitor && mTargetFpsEnabled && layer.mPhrRegistered && layer.mTargetFpsActive &&
+        layer.mFps < layer.mTargetFps - 2.0f && !mPhrMonitor->isTargetFpsSwitching(layer.mId) &&
+        mTargetFpsCompensate) {
+        layer.mTargetFpsActive = false;
+        mPhrMonitor->setTargetFpsStatus(layer.mId, false, layer.mFps, layer.mTargetFps);
     }
     checkAliveAppLocked(layer);
 }
@@ -575,6 +642,8 @@ std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id
     status.gfrEnabled = layer.mGfrEnabled;
     status.gfrActive = layer.mGfrActive;
     status.gfrRegistered = layer.mGfrRegistered;
+    status.phrRegistered = layer.mPhrRegistered;
+    status.targetFpsActive = layer.mTargetFpsActive;
     status.phrConfigValid = layer.mPhrConfigValid;
     status.phrMinRate = layer.mPhrMinRate;
     status.highFpsPhrMinRate = layer.mHighFpsPhrMinRate;

@@ -13,6 +13,7 @@
 
 #include "config/FeatureManager.h"
 #include "gfr/GFRMonitor.h"
+#include "phr/PHRMonitor.h"
 #include "layers/LayerInfo.h"
 #include "layers/Rect.h"
 
@@ -67,6 +68,8 @@ public:
         bool gfrEnabled = false;
         bool gfrActive = false;
         bool gfrRegistered = false;
+        bool phrRegistered = false;
+        bool targetFpsActive = false;
         bool phrConfigValid = false;
         float phrMinRate = 0.0f;
         float highFpsPhrMinRate = 0.0f;
@@ -81,8 +84,10 @@ public:
     void stop() EXCLUDES(mLock);
     bool isInitialized() const { return mInitialized.load(); }
     void setSmartTouchEnable(bool enable) { mSmartTouchEnabled.store(enable); }
-    // Starts the frame-rescue monitor once (a layer first needs it); false when it cannot run.
+    // Start the frame-rescue and headroom monitors once (a layer first needs them); false when
+    // the monitor cannot run.
     bool initGFREnv() EXCLUDES(mLock);
+    bool initPHREnv() EXCLUDES(mLock);
     bool isSmartTouchEnabled() const { return mSmartTouchEnabled.load(); }
 
     sp<LayerInfo> getLayer(int32_t id) EXCLUDES(mLock);
@@ -164,8 +169,10 @@ private:
         int32_t bigJankThresholdMs = 0;
         GFRMonitor* gfr = nullptr; // set when the frame goes to frame rescue
         float gfrTargetFps = 0.0f;
+        PHRMonitor* phr = nullptr; // set when the frame goes to the headroom hold
     };
     void initGFREnvLocked() REQUIRES(mLock);
+    void initPHREnvLocked() REQUIRES(mLock);
     QueuedFrame onQueueLocked(const sp<LayerInfo>& layer, int64_t now, bool flag) REQUIRES(mLock);
     // A layer id whose name gave no package: remembered by the name's first bytes (a layer keeps
     // its name for life) and the uid, until a classified app of that uid could name it.
@@ -202,6 +209,8 @@ private:
     // The monitors once they run; their own locks come after the registry mutex.
     GFRMonitor* mGfrMonitor GUARDED_BY(mLock) = nullptr;
     bool mGfrReady GUARDED_BY(mLock) = false;
+    PHRMonitor* mPhrMonitor GUARDED_BY(mLock) = nullptr;
+    bool mPhrReady GUARDED_BY(mLock) = false;
     std::unordered_map<int32_t, LayerCandidate> mCandidates GUARDED_BY(mLock);
     std::unordered_map<int32_t, sp<LayerInfo>> mLayers GUARDED_BY(mLock);
     std::unordered_map<int32_t, AppInfo> mAppInfoMap GUARDED_BY(mLock);

@@ -186,8 +186,12 @@ void LayerManager::onQuickTouchConfigChanged(const std::string& pkg) {
             if (std::fabs(current - next) > kRateEpsilon) {
                 layer->mPhrMinRate = newMin;
                 layer->mHighFpsPhrMinRate = newHighMin;
-                // The headroom monitor takes the new rates here once it runs.
+                if (layer->mPhrRegistered && mPhrMonitor) {
+                    mPhrMonitor->updateHeadRoom(id, newMin, newHighMin);
+                }
             }
+        } else if (layer->mPhrRegistered && mPhrMonitor) {
+            mPhrMonitor->setQuickTouchStatus(id, false);
         }
         layer->mPhrConfigValid = config.has_value();
         if (!logged) {
@@ -241,8 +245,9 @@ void LayerManager::onTargetFpsConfigChanged(const std::string& pkg) {
         if (target != layer->mTargetFps) {
             layer->mTargetFps = target;
             const bool active = target > 0.0f && target < layer->mFps;
-            if (layer->mPhrRegistered && (layer->mTargetFpsActive || active)) {
+            if (layer->mPhrRegistered && mPhrMonitor && (layer->mTargetFpsActive || active)) {
                 layer->mTargetFpsActive = active;
+                mPhrMonitor->setTargetFpsStatus(id, active, layer->mFps, target);
             }
         }
         if (!logged) {
