@@ -25,7 +25,7 @@ asan: deps build/asan/build.ninja
 
 tsan: deps build/tsan/build.ninja
 	cmake --build --preset tsan -j $(JOBS)
-	TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
+	PELYX_STRESS_SECONDS=20 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
 	  ctest --preset tsan -j $(JOBS) $(CTEST_ARGS)
 
 bench: build
@@ -33,7 +33,7 @@ bench: build
 
 # Runs every fuzzer for FUZZ_SECONDS on a scratch copy of its committed seed corpus.
 FUZZ_SECONDS ?= 60
-FUZZERS := fuzz_gfr_tunables fuzz_hint_callback
+FUZZERS := fuzz_gfr_tunables fuzz_hint_callback fuzz_layer_names fuzz_api_sequence
 fuzz: deps build/fuzz/build.ninja
 	cmake --build --preset fuzz -j $(JOBS) --target $(FUZZERS)
 	@set -e; for f in $(FUZZERS); do \
