@@ -36,11 +36,15 @@ FUZZ_SECONDS ?= 60
 FUZZERS := fuzz_gfr_tunables fuzz_hint_callback fuzz_layer_names fuzz_api_sequence
 fuzz: deps build/fuzz/build.ninja
 	cmake --build --preset fuzz -j $(JOBS) --target $(FUZZERS)
-	@set -e; for f in $(FUZZERS); do \
+	@for f in $(FUZZERS); do \
 	  mkdir -p build/fuzz/corpus/$$f; cp -n fuzz/corpus/$$f/* build/fuzz/corpus/$$f/ 2>/dev/null || true; \
 	  echo "== $$f for $(FUZZ_SECONDS) s"; \
-	  build/fuzz/fuzz/$$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
-	    -artifact_prefix=build/fuzz/ build/fuzz/corpus/$$f 2>&1 | tail -n 12; \
+	  if build/fuzz/fuzz/$$f -max_total_time=$(FUZZ_SECONDS) -print_final_stats=1 \
+	       -artifact_prefix=build/fuzz/ build/fuzz/corpus/$$f > build/fuzz/$$f.log 2>&1; then \
+	    grep -E '^(Done|stat::number_of_executed_units|stat::new_units_added|stat::peak_rss_mb)' build/fuzz/$$f.log; \
+	  else \
+	    tail -n 60 build/fuzz/$$f.log; echo "== $$f FAILED (log: build/fuzz/$$f.log)"; exit 1; \
+	  fi; \
 	done
 
 clean:
