@@ -7,11 +7,11 @@
 #include <cstring>
 #include <fstream>
 #include <future>
-#include <map>
 #include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "PerfdControl.h"
@@ -31,129 +31,55 @@ namespace {
 constexpr const char* kTag = "Pelyx.LayerManager";
 constexpr const char* kLayerName = "com.game/com.game.Main#1";
 constexpr int32_t kLayerId = 7;
-constexpr int32_t kPid = 4321;
-constexpr int32_t kUid = 10123;
 constexpr int64_t kVsync = 16'666'666;
-constexpr int64_t kFrame = 16'670'000;
 constexpr int64_t kMs = 1'000'000;
 
-// Plays the kernel's side of sync-file descriptors: each known fd answers the info request with
-// its scripted name (or a scripted failure); deadline requests are recorded and may be made to
-// fail. A descriptor nobody scripted behaves like a closed one.
-struct FenceScript {
-    std::string name;
-    int ret = 0;
-    int err = 0;
-};
-
+// The kernel's side of sync files: every fence answers with the scripted name or failure;
+// requests are recorded.
 struct FakeSyncFiles {
     std::mutex mutex;
-    std::map<int, FenceScript> fences;
-    int deadlineErr = 0;
-    std::vector<int> infoQueries;
-    std::vector<int> deadlines;
-    bool nonZeroRecord = false;
-    int unexpectedCalls = 0;
-};
-
-FakeSyncFiles& fake() {
-    static FakeSyncFiles* sFake = new FakeSyncFiles();
-    return *sFake;
-}
-
-bool allZero(const void* data, size_t size) {
-    const auto* bytes = static_cast<const unsigned char*>(data);
-    return std::all_of(bytes, bytes + size, [](unsigned char b) { return b == 0; });
-}
+    std::string name;
+    int ret = 0, err = 0, deadlineErr = 0;
+    std::vector<int> queries, deadlines;
+    bool nonZeroRecord = false; // both records must go out zeroed
+} gFake;
 
 int fakeIoctl(int fd, unsigned long request, void* arg) {
-    FakeSyncFiles& f = fake();
-    std::lock_guard<std::mutex> lock(f.mutex);
-    if (request == SYNC_IOC_FILE_INFO) {
-        auto* info = static_cast<struct sync_file_info*>(arg);
-        if (!allZero(info, sizeof(*info))) f.nonZeroRecord = true;
-        f.infoQueries.push_back(fd);
-        auto it = f.fences.find(fd);
-        if (it == f.fences.end()) {
-            errno = EBADF;
-            return -1;
-        }
-        if (it->second.ret != 0) {
-            errno = it->second.err;
-            return it->second.ret;
-        }
-        const std::string& name = it->second.name;
-        memcpy(info->name, name.data(), std::min(name.size(), sizeof(info->name)));
-        // The fence may have signalled meanwhile: the bytes after a full-length name are not 0.
-        info->status = 1;
-        return 0;
+    std::lock_guard<std::mutex> lock(gFake.mutex);
+    const bool info = request == SYNC_IOC_FILE_INFO;
+    const auto* bytes = static_cast<const unsigned char*>(arg);
+    const size_t size = info ? sizeof(sync_file_info) : sizeof(sync_set_deadline);
+    if (std::any_of(bytes, bytes + size, [](unsigned char b) { return b != 0; })) {
+        gFake.nonZeroRecord = true;
     }
-    if (request == SYNC_IOC_SET_DEADLINE) {
-        if (!allZero(arg, sizeof(struct sync_set_deadline))) f.nonZeroRecord = true;
-        f.deadlines.push_back(fd);
-        if (f.deadlineErr != 0) {
-            errno = f.deadlineErr;
-            return -1;
-        }
-        return 0;
-    }
-    f.unexpectedCalls++;
-    errno = ENOTTY;
-    return -1;
-}
-
-int fakeOpen(const char*, int) {
-    std::lock_guard<std::mutex> lock(fake().mutex);
-    fake().unexpectedCalls++;
-    errno = ENOENT;
-    return -1;
-}
-
-int fakeClose(int) {
-    std::lock_guard<std::mutex> lock(fake().mutex);
-    fake().unexpectedCalls++;
+    (info ? gFake.queries : gFake.deadlines).push_back(fd);
+    errno = info ? gFake.err : gFake.deadlineErr;
+    if (!info) return gFake.deadlineErr == 0 ? 0 : -1;
+    if (gFake.ret != 0) return gFake.ret;
+    auto* record = static_cast<sync_file_info*>(arg);
+    memcpy(record->name, gFake.name.data(), std::min(gFake.name.size(), sizeof(record->name)));
+    record->status = 1; // the bytes after a full-length name are not 0
     return 0;
 }
+const platform::IoctlTable kFakeTable{[](const char*, int) { return -1; }, fakeIoctl,
+                                      [](int) { return 0; }};
 
-const platform::IoctlTable kFakeTable{fakeOpen, fakeIoctl, fakeClose};
-
-void addFence(int fd, const std::string& name) {
-    std::lock_guard<std::mutex> lock(fake().mutex);
-    fake().fences[fd] = FenceScript{name, 0, 0};
+void script(const std::string& name, int ret = 0, int err = 0) {
+    std::lock_guard<std::mutex> lock(gFake.mutex);
+    gFake.name = name;
+    gFake.ret = ret;
+    gFake.err = err;
 }
-
-void failFenceInfo(int fd, int ret, int err) {
-    std::lock_guard<std::mutex> lock(fake().mutex);
-    fake().fences[fd] = FenceScript{"", ret, err};
-}
-
-void failDeadlines(int err) {
-    std::lock_guard<std::mutex> lock(fake().mutex);
-    fake().deadlineErr = err;
-}
-
-std::vector<int> infoQueries() {
-    std::lock_guard<std::mutex> lock(fake().mutex);
-    return fake().infoQueries;
-}
-
-std::vector<int> deadlines() {
-    std::lock_guard<std::mutex> lock(fake().mutex);
-    return fake().deadlines;
+// The calls recorded since the last take.
+std::vector<int> take(std::vector<int>& calls) {
+    std::lock_guard<std::mutex> lock(gFake.mutex);
+    return std::exchange(calls, {});
 }
 
 size_t countOf(const std::string& text, const std::string& needle) {
     size_t n = 0;
-    for (size_t pos = text.find(needle); pos != std::string::npos;
-         pos = text.find(needle, pos + needle.size())) {
-        n++;
-    }
+    for (size_t p = text.find(needle); p != std::string::npos; p = text.find(needle, p + 1)) n++;
     return n;
-}
-
-std::string originLine(const std::string& origin, const std::string& fenceName) {
-    return "[GPU JANK DETECTION] fence origin: " + origin + ", layerId=7 [" + kLayerName +
-            "] fence_name=" + fenceName;
 }
 
 const std::string kSendTrace = std::string("[GPU JANK DETECTION] send IOCTL [") + kLayerName + "]";
@@ -165,61 +91,52 @@ class GpuFenceTest : public ::testing::Test {
 protected:
     void SetUp() override {
         platform::host::setIoctlTable(&kFakeTable);
-        // Traces need the debug switch (read when the configuration is created) and a trace file.
-        perfd_stub::setProp("vendor.perf.pelyx.debug", "true");
+        perfd_stub::setProp("vendor.perf.pelyx.debug", "true"); // traces need it
         mTracePath = ::testing::TempDir() + "gpu_fence_" + std::to_string(getpid()) + ".json";
         ASSERT_TRUE(platform::host::traceOpen(mTracePath));
     }
-
     void TearDown() override {
         platform::host::traceClose();
         unlink(mTracePath.c_str());
         platform::host::setIoctlTable(nullptr);
     }
 
-    // Starts the registry with the detection switch as given and promotes the game layer, then
-    // latches everything so no buffer is queued.
+    // Starts the registry, promotes the game layer and latches every buffer.
     void start(bool detect, const char* mult = nullptr) {
         if (detect) perfd_stub::setProp("vendor.perf.gpu_jank_detect.enable", "true");
         if (mult) perfd_stub::setProp("vendor.perf.gpu_jank_filter.min_exec_time_mult", mult);
         lm()->init(false, 1080, 2400);
         lm()->setVsyncPeriod(kVsync);
-        for (int i = 0; i < 40; i++) queueAt(mClock.now() + kFrame);
+        for (int i = 0; i < 40; i++) queueAt(mClock.now() + 16'670'000);
         mLayer = lm()->getLayer(kLayerId);
         ASSERT_NE(mLayer, nullptr);
         latch();
-        drainBoostThread();
+        // The app classification posted so far runs before the test touches the layer.
+        std::promise<void> done;
+        if (PerfProxy::getInstance()->postTask([&done] { done.set_value(); })) {
+            done.get_future().wait();
+        }
         ASSERT_TRUE(mLayer->mQueueTimes.empty());
-        ASSERT_EQ(mLayer->mFenceOrigin.load(), kFenceOriginUnknown);
     }
 
     LayerManager* lm() { return LayerManager::getInstance(); }
-
     void queueAt(int64_t t) {
         mClock.set(t);
-        lm()->onBufferIncrement(kLayerName, kLayerId, kPid, kUid, t, false, 0);
+        lm()->onBufferIncrement(kLayerName, kLayerId, 4321, 10123, t, false, 0);
     }
-
-    // Latches every queued buffer (the compositor's count is trusted 2 ms after the last queue).
     void latch() {
-        mClock.advance(3 * kMs);
+        mClock.advance(3 * kMs); // the compositor's count is trusted 2 ms after the last queue
         lm()->onBufferDecrement(kLayerName, kLayerId, 0, Rect{0, 0, 1080, 2400}, true, true);
     }
-
-    // Waits until tasks posted so far (app classification) have run, so the test may then touch
-    // layer fields on its own thread.
-    void drainBoostThread() {
-        auto done = std::make_shared<std::promise<void>>();
-        std::future<void> ran = done->get_future();
-        if (PerfProxy::getInstance()->postTask([done] { done->set_value(); }) == 0) return;
-        ASSERT_EQ(ran.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+    void notify(int fd) { lm()->notifyGpuFenceUnsignaled(fd, kLayerId); }
+    void trackAndFlush(int fd) {
+        lm()->trackLatchUnsignaledGpuFence(fd, kLayerId);
+        lm()->flushLatchUnsignaledGpuFences();
     }
-
     std::string traceText() {
         platform::host::traceClose();
-        std::ifstream in(mTracePath);
         std::stringstream text;
-        text << in.rdbuf();
+        text << std::ifstream(mTracePath).rdbuf();
         return text.str();
     }
 
@@ -229,356 +146,179 @@ protected:
     std::string mTracePath;
 };
 
-// ---- Threshold ----
-
-TEST_F(GpuFenceTest, ThresholdIsOneVsyncPeriodWhileTheRateIsUnknown) {
+TEST_F(GpuFenceTest, ThresholdIsTheLayerPeriodOrTheVsyncPeriod) {
     start(false);
-    addFence(40, "mavu-timeline_12");
+    script("mavu-timeline_12");
+    notify(40); // no queued buffer: nothing to measure
+    lm()->notifyGpuFenceUnsignaled(40, 99);
+    EXPECT_TRUE(take(gFake.queries).empty());
+
+    // 1e9 / 90 in single precision truncates to 11,111,111.
+    const struct {
+        float fps;
+        int64_t threshold;
+    } rows[] = {{0.0f, kVsync}, {90.0f, 11'111'111}};
+    for (const auto& row : rows) {
+        const int64_t t = mClock.now() + kMs;
+        queueAt(t);
+        mLayer->mFps = row.fps;
+        mClock.set(t + row.threshold - 1);
+        notify(40);
+        EXPECT_TRUE(take(gFake.deadlines).empty()) << row.fps;
+        mClock.set(t + row.threshold);
+        notify(40);
+        EXPECT_EQ(take(gFake.deadlines), std::vector<int>{40}) << row.fps;
+        latch();
+    }
+    lm()->setVsyncPeriod(0); // nothing is measured, whatever the layer's rate
     const int64_t t = mClock.now() + kMs;
     queueAt(t);
-    ASSERT_EQ(mLayer->mFps, 0.0f);
-
-    mClock.set(t + kVsync - 1);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    EXPECT_TRUE(deadlines().empty());
-    mClock.set(t + kVsync);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    EXPECT_EQ(deadlines(), std::vector<int>{40});
+    mClock.advance(1000 * kMs);
+    notify(40);
+    lm()->setVsyncPeriod(kVsync);
+    // Switched off: nothing is recorded, and a record left from before is only cleared.
+    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
+    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
+    mLayer->mPendingLatchFenceFd = 40;
+    mLayer->mPendingLatchFenceTime = t;
+    lm()->flushLatchUnsignaledGpuFences();
+    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
+    EXPECT_TRUE(take(gFake.deadlines).empty());
 
     const std::string trace = traceText();
-    EXPECT_EQ(countOf(trace, kSkipTrace), 1u);
-    EXPECT_EQ(countOf(trace, kSendTrace), 1u);
+    EXPECT_EQ(countOf(trace, kSkipTrace), 2u);
+    EXPECT_EQ(countOf(trace, kSendTrace), 2u);
     EXPECT_LT(trace.find(kSkipTrace), trace.find(kSendTrace));
-    EXPECT_FALSE(fake().nonZeroRecord);
+    EXPECT_FALSE(gFake.nonZeroRecord);
 }
 
-TEST_F(GpuFenceTest, ThresholdFollowsTheLayerRate) {
-    start(false);
-    addFence(40, "mavu-timeline_12");
+class GpuFenceMultiplierTest : public GpuFenceTest,
+                               public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(GpuFenceMultiplierTest, ScalesTheThresholdOnBothPaths) {
+    start(true, GetParam());
+    script("mavu-timeline_12");
+    const bool huge = std::string(GetParam()) == "1e30"; // saturates: never sends
     const int64_t t = mClock.now() + kMs;
     queueAt(t);
-    mLayer->mFps = 90.0f; // 1e9 / 90 in single precision truncates to 11,111,111
-
-    mClock.set(t + 11'111'110);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    EXPECT_TRUE(deadlines().empty());
-    mClock.set(t + 11'111'111);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    EXPECT_EQ(deadlines(), std::vector<int>{40});
-}
-
-TEST_F(GpuFenceTest, ThresholdScalesWithTheConfiguredMultiplier) {
-    start(true, "0.5");
-    addFence(40, "mavu-timeline_12");
-    const int64_t t = mClock.now() + kMs;
-    queueAt(t);
-
     mClock.set(t + 8'333'332);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_TRUE(deadlines().empty());
-
-    mClock.set(t + 8'333'333);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(deadlines(), (std::vector<int>{40, 40}));
+    notify(40);
+    trackAndFlush(40);
+    EXPECT_TRUE(take(gFake.deadlines).empty());
+    mClock.set(t + (huge ? 3'600'000 * kMs : 8'333'333));
+    notify(40);
+    trackAndFlush(40);
+    EXPECT_EQ(take(gFake.deadlines).size(), huge ? 0u : 2u);
 }
 
-TEST_F(GpuFenceTest, HugeMultiplierNeverSends) {
-    start(true, "1e30");
-    addFence(40, "mavu-timeline_12");
-    const int64_t t = mClock.now() + kMs;
-    queueAt(t);
-    mClock.set(t + 3'600'000 * kMs);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_TRUE(deadlines().empty());
-    EXPECT_EQ(countOf(traceText(), kSkipTrace), 2u);
-}
+INSTANTIATE_TEST_SUITE_P(Multipliers, GpuFenceMultiplierTest, ::testing::Values("0.5", "1e30"),
+                         [](const auto& p) { return std::string(p.index == 0 ? "Half" : "Huge"); });
 
-TEST_F(GpuFenceTest, NothingIsSentWithoutAVsyncPeriodOrAQueuedBuffer) {
-    start(true);
-    addFence(40, "mavu-timeline_12");
-
-    // No buffer queued: the oldest queue time counts as 0.
-    mClock.advance(1000 * kMs);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_TRUE(deadlines().empty());
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-
-    lm()->setVsyncPeriod(0);
-    queueAt(mClock.now() + kMs);
-    mClock.advance(1000 * kMs);
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_TRUE(deadlines().empty());
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    EXPECT_EQ(countOf(traceText(), kSkipTrace), 0u);
-}
-
-// ---- Fence origin ----
-
-TEST_F(GpuFenceTest, DriverTimelineFenceIsSentAndCached) {
+TEST_F(GpuFenceTest, FenceOriginDecidesAndIsCachedOnlyWhenKnown) {
     start(false);
-    addFence(40, "mavu-timeline_12");
-    addFence(41, "some-other-timeline");
     queueAt(mClock.now() + kMs);
     mClock.advance(20 * kMs);
-
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    EXPECT_EQ(infoQueries(), std::vector<int>{40});
-    EXPECT_EQ(mLayer->mFenceOrigin.load(), kFenceOriginGpu);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_INFO, originLine("mavu (cached)", "mavu-timeline_12")),
-              1u);
-
-    // The cache answers for the next fence of the layer, whatever its name.
-    lm()->notifyGpuFenceUnsignaled(41, kLayerId);
-    EXPECT_EQ(infoQueries(), std::vector<int>{40});
-    EXPECT_EQ(deadlines(), (std::vector<int>{40, 41}));
-    EXPECT_EQ(mLogs.countContaining(kTag, "fence origin"), 1u);
-    EXPECT_FALSE(fake().nonZeroRecord);
+    const struct {
+        std::string name;
+        int ret, err;
+        uint8_t cached;
+        std::string line; // logged for each query
+    } rows[] = {
+            {"mavu-timeline_12", 0, 0, kFenceOriginGpu, "mavu (cached)"},
+            {"mavu-timeline_0123456789abcdefgh", 0, 0, kFenceOriginGpu, "mavu (cached)"}, // no NUL
+            {"gpu:mavu-timeline_12", 0, 0, kFenceOriginOther, "non-mavu (cached)"},
+            {"detached", 0, 0, kFenceOriginUnknown, "detached (not cached)"},
+            {"detached-fence", 0, 0, kFenceOriginUnknown, "detached (not cached)"},
+            {"", -1, EBADF, kFenceOriginUnknown, "ret=-1, fd=40, errno=9"},
+            {"", 1, 0, kFenceOriginUnknown, "ret=1, fd=40, errno=0"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name + row.line);
+        mLayer->mFenceOrigin.store(kFenceOriginUnknown);
+        mLogs.clear();
+        script(row.name, row.ret, row.err);
+        notify(40);
+        notify(40);
+        const size_t queried = take(gFake.queries).size();
+        EXPECT_EQ(queried, row.cached == kFenceOriginUnknown ? 2u : 1u);
+        EXPECT_EQ(take(gFake.deadlines).size(), row.cached == kFenceOriginOther ? 0u : 2u);
+        EXPECT_EQ(mLayer->mFenceOrigin.load(), row.cached);
+        const std::string line = row.ret != 0
+                ? "[GPU JANK DETECTION] SYNC_IOC_FILE_INFO failed, " + row.line
+                : "[GPU JANK DETECTION] fence origin: " + row.line + ", layerId=7 [" + kLayerName +
+                        "] fence_name=" + row.name;
+        EXPECT_EQ(mLogs.count(kTag, row.ret != 0 ? ANDROID_LOG_ERROR : ANDROID_LOG_INFO, line),
+                  queried);
+    }
 }
-
-TEST_F(GpuFenceTest, OnlyANamePrefixCountsAsTheDriverTimeline) {
-    start(true);
-    addFence(40, "gpu:mavu-timeline_12");
-    addFence(41, "mavu-timeline_13");
-    queueAt(mClock.now() + kMs);
-    mClock.advance(20 * kMs);
-
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    EXPECT_EQ(mLayer->mFenceOrigin.load(), kFenceOriginOther);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_INFO,
-                          originLine("non-mavu (cached)", "gpu:mavu-timeline_12")),
-              1u);
-
-    // Cached as other: never queried or sent again, on either path.
-    lm()->notifyGpuFenceUnsignaled(41, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(41, kLayerId);
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(infoQueries(), std::vector<int>{40});
-    EXPECT_TRUE(deadlines().empty());
-    EXPECT_EQ(countOf(traceText(), "[GPU JANK DETECTION]"), 0u);
-}
-
-TEST_F(GpuFenceTest, DetachedFenceIsTreatedAsGpuAndAskedAboutEveryTime) {
-    start(false);
-    addFence(50, "detached");
-    addFence(51, "detached-fence");
-    addFence(52, "mavu-timeline_1");
-    queueAt(mClock.now() + kMs);
-    mClock.advance(20 * kMs);
-
-    lm()->notifyGpuFenceUnsignaled(50, kLayerId);
-    lm()->notifyGpuFenceUnsignaled(51, kLayerId);
-    EXPECT_EQ(mLayer->mFenceOrigin.load(), kFenceOriginUnknown);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_INFO, originLine("detached (not cached)", "detached")),
-              1u);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_INFO,
-                          originLine("detached (not cached)", "detached-fence")),
-              1u);
-
-    // A later fence still gets its origin learned.
-    lm()->notifyGpuFenceUnsignaled(52, kLayerId);
-    EXPECT_EQ(mLayer->mFenceOrigin.load(), kFenceOriginGpu);
-    EXPECT_EQ(infoQueries(), (std::vector<int>{50, 51, 52}));
-    EXPECT_EQ(deadlines(), (std::vector<int>{50, 51, 52}));
-}
-
-TEST_F(GpuFenceTest, FailedInfoQueryCountsAsGpuWithoutCaching) {
-    start(false);
-    failFenceInfo(60, -1, EBADF);
-    failFenceInfo(61, 1, 0); // any non-zero answer is a failure
-    queueAt(mClock.now() + kMs);
-    mClock.advance(20 * kMs);
-
-    lm()->notifyGpuFenceUnsignaled(60, kLayerId);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_ERROR,
-                          "[GPU JANK DETECTION] SYNC_IOC_FILE_INFO failed, ret=-1, fd=60, errno=9"),
-              1u);
-    EXPECT_EQ(mLayer->mFenceOrigin.load(), kFenceOriginUnknown);
-
-    lm()->notifyGpuFenceUnsignaled(61, kLayerId);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_ERROR,
-                          "[GPU JANK DETECTION] SYNC_IOC_FILE_INFO failed, ret=1, fd=61, errno=0"),
-              1u);
-    EXPECT_EQ(mLayer->mFenceOrigin.load(), kFenceOriginUnknown);
-    EXPECT_EQ(infoQueries(), (std::vector<int>{60, 61}));
-    EXPECT_EQ(deadlines(), (std::vector<int>{60, 61}));
-    EXPECT_EQ(mLogs.countContaining(kTag, "fence origin"), 0u);
-}
-
-TEST_F(GpuFenceTest, FullLengthFenceNameIsBoundedToItsField) {
-    start(false);
-    const std::string name = "mavu-timeline_0123456789abcdefgh"; // exactly 32 bytes, no NUL
-    ASSERT_EQ(name.size(), sizeof(sync_file_info{}.name));
-    addFence(40, name);
-    queueAt(mClock.now() + kMs);
-    mClock.advance(20 * kMs);
-
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_INFO, originLine("mavu (cached)", name)), 1u);
-    EXPECT_EQ(deadlines(), std::vector<int>{40});
-}
-
-// ---- Recording and flushing ----
 
 TEST_F(GpuFenceTest, RecordedFenceIsSentByTheNextFlushOnly) {
     start(true);
-    addFence(80, "mavu-timeline_1");
-    addFence(81, "mavu-timeline_1");
-    addFence(82, "mavu-timeline_1");
+    script("mavu-timeline_1");
+    gFake.deadlineErr = ENOTTY;
     const int64_t t = mClock.now() + kMs;
     queueAt(t);
     queueAt(t + 5 * kMs); // the oldest queued buffer sets the time
-
-    mClock.set(t + 10 * kMs);
     lm()->trackLatchUnsignaledGpuFence(81, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(82, kLayerId); // overwrites the first record
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, 82);
-    EXPECT_EQ(mLayer->mPendingLatchFenceTime, t);
-    EXPECT_TRUE(deadlines().empty());
-
+    lm()->trackLatchUnsignaledGpuFence(82, kLayerId); // replaces the first record
     mClock.set(t + kVsync);
+    EXPECT_TRUE(take(gFake.deadlines).empty());
     lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(deadlines(), std::vector<int>{82});
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    EXPECT_EQ(mLayer->mPendingLatchFenceTime, 0);
     lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(deadlines(), std::vector<int>{82});
+    EXPECT_EQ(take(gFake.deadlines), std::vector<int>{82});
+    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_ERROR,
+                          "[GPU JANK DETECTION] IOCTL failed, ret=-1, fd=82, errno=25"),
+              1u);
 
-    // Too early: the record is dropped with a skip trace, and a later flush has nothing left.
+    // Too early: dropped with a skip trace, and a later flush has nothing left.
     latch();
     const int64_t t2 = mClock.now() + kMs;
     queueAt(t2);
     lm()->trackLatchUnsignaledGpuFence(80, kLayerId);
-    EXPECT_EQ(mLayer->mPendingLatchFenceTime, t2);
     mClock.set(t2 + kVsync - 1);
     lm()->flushLatchUnsignaledGpuFences();
     mClock.advance(1000 * kMs);
     lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(deadlines(), std::vector<int>{82});
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
+    EXPECT_TRUE(take(gFake.deadlines).empty());
+
+    // A latch or an immediate notification of the layer drops its record.
+    queueAt(mClock.now() + kMs);
+    queueAt(mClock.now() + kMs);
+    lm()->trackLatchUnsignaledGpuFence(80, kLayerId);
+    lm()->onBufferDecrement(kLayerName, kLayerId, 1, Rect{0, 0, 1080, 2400}, true, true);
+    mClock.advance(100 * kMs);
+    lm()->flushLatchUnsignaledGpuFences();
+    lm()->trackLatchUnsignaledGpuFence(80, kLayerId);
+    notify(83);
+    lm()->flushLatchUnsignaledGpuFences();
+    EXPECT_EQ(take(gFake.deadlines), std::vector<int>{83});
 
     const std::string trace = traceText();
-    EXPECT_EQ(countOf(trace, kSendTrace), 1u);
+    EXPECT_EQ(countOf(trace, kSendTrace), 2u);
     EXPECT_EQ(countOf(trace, kSkipTrace), 1u);
-    EXPECT_FALSE(fake().nonZeroRecord);
 }
 
-TEST_F(GpuFenceTest, LatchOrImmediateNotificationDropsTheRecord) {
-    start(true);
-    addFence(70, "mavu-timeline_1");
-    addFence(71, "mavu-timeline_1");
-    queueAt(mClock.now() + kMs);
-    queueAt(mClock.now() + kMs);
-
-    lm()->trackLatchUnsignaledGpuFence(70, kLayerId);
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, 70);
-    lm()->onBufferDecrement(kLayerName, kLayerId, 1, Rect{0, 0, 1080, 2400}, true, true);
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    EXPECT_EQ(mLayer->mPendingLatchFenceTime, 0);
-
-    lm()->trackLatchUnsignaledGpuFence(70, kLayerId);
-    mClock.advance(100 * kMs);
-    lm()->notifyGpuFenceUnsignaled(71, kLayerId);
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(deadlines(), std::vector<int>{71});
-}
-
-TEST_F(GpuFenceTest, SwitchedOffNothingIsRecordedAndAFlushOnlyClears) {
-    start(false);
-    addFence(80, "mavu-timeline_1");
-    const int64_t t = mClock.now() + kMs;
-    queueAt(t);
-    mClock.advance(100 * kMs);
-
-    lm()->trackLatchUnsignaledGpuFence(80, kLayerId);
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    EXPECT_TRUE(infoQueries().empty());
-
-    // A record left from before the switch went off.
-    mLayer->mPendingLatchFenceFd = 80;
-    mLayer->mPendingLatchFenceTime = t;
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    EXPECT_EQ(mLayer->mPendingLatchFenceTime, 0);
-    EXPECT_TRUE(deadlines().empty());
-    EXPECT_EQ(countOf(traceText(), "[GPU JANK DETECTION]"), 0u);
-}
-
-TEST_F(GpuFenceTest, FailedDeadlineRequestIsLoggedOnBothPaths) {
-    start(true);
-    addFence(40, "mavu-timeline_1");
-    addFence(41, "mavu-timeline_1");
-    failDeadlines(ENOTTY);
-    queueAt(mClock.now() + kMs);
-    mClock.advance(20 * kMs);
-
-    lm()->notifyGpuFenceUnsignaled(40, kLayerId);
-    lm()->trackLatchUnsignaledGpuFence(41, kLayerId);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(deadlines(), (std::vector<int>{40, 41}));
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_ERROR,
-                          "[GPU JANK DETECTION] IOCTL failed, ret=-1, fd=40, errno=25"),
-              1u);
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_ERROR,
-                          "[GPU JANK DETECTION] IOCTL failed, ret=-1, fd=41, errno=25"),
-              1u);
-}
-
-TEST_F(GpuFenceTest, UnknownLayerIsIgnored) {
-    start(true);
-    addFence(40, "mavu-timeline_1");
-    queueAt(mClock.now() + kMs);
-    mClock.advance(20 * kMs);
-
-    lm()->notifyGpuFenceUnsignaled(40, 99);
-    lm()->trackLatchUnsignaledGpuFence(40, 99);
-    lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_TRUE(infoQueries().empty());
-    EXPECT_TRUE(deadlines().empty());
-    EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
-    EXPECT_EQ(fake().unexpectedCalls, 0);
-}
-
-// Fence events race buffer events from other compositor threads; the sanitizer builds check
-// that fields are only touched under the registry mutex (or atomically, for the origin cache).
+// Fence events race buffer events from other compositor threads (for the sanitizer builds).
 TEST_F(GpuFenceTest, FenceEventsRaceBufferEvents) {
     start(true);
-    addFence(40, "detached");
-    addFence(41, "mavu-timeline_1");
+    script("mavu-timeline_1");
     std::atomic<bool> stop{false};
     std::thread buffers([&] {
         for (int i = 0; i < 2000; i++) {
             mClock.advance(kMs);
-            lm()->onBufferIncrement(kLayerName, kLayerId, kPid, kUid, mClock.now(), false, 0);
-            lm()->onBufferDecrement(kLayerName, kLayerId, 0, Rect{0, 0, 1080, 2400}, true, true);
+            queueAt(mClock.now());
+            latch();
         }
         stop.store(true);
     });
     std::thread tracker([&] {
-        while (!stop.load()) {
-            lm()->trackLatchUnsignaledGpuFence(41, kLayerId);
-            lm()->flushLatchUnsignaledGpuFences();
-        }
+        while (!stop.load()) trackAndFlush(41);
     });
-    while (!stop.load()) lm()->notifyGpuFenceUnsignaled(40, kLayerId);
+    while (!stop.load()) notify(40);
     buffers.join();
     tracker.join();
-    // The detached fence never settles the origin; only the driver's fence may have.
     EXPECT_NE(mLayer->mFenceOrigin.load(), kFenceOriginOther);
-    for (int fd : infoQueries()) EXPECT_TRUE(fd == 40 || fd == 41) << fd;
-    for (int fd : deadlines()) EXPECT_TRUE(fd == 40 || fd == 41) << fd;
-    EXPECT_EQ(fake().unexpectedCalls, 0);
+    for (int fd : take(gFake.deadlines)) EXPECT_TRUE(fd == 40 || fd == 41) << fd;
 }
 
 } // namespace
