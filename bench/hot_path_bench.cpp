@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "PerfdControl.h"
 #include "layers/LayerManager.h"
 #include "pelyx/pelyx.h"
 #include "platform/HostControl.h"
@@ -70,23 +71,45 @@ struct BenchLayer {
     int32_t id;
 };
 
-const std::vector<BenchLayer>& benchLayers() {
-    static const std::vector<BenchLayer> layers = [] {
-        std::vector<BenchLayer> out;
-        for (int i = 1; i <= 4; i++) {
-            const std::string pkg = "com.bench.app" + std::to_string(i);
-            out.push_back({pkg + "/" + pkg + ".MainActivity#" + std::to_string(i), 100 + i});
+// Three sets of four layers: plain apps, games with headroom rates (registered with the PHR
+// monitor, quick touch off, so never held) and games with frame rescue active.
+enum class Monitor { kNone = 0, kHeadroom = 1, kFrameRescue = 2 };
+const char* const kSetNames[] = {"app", "phr", "gfr"};
+
+const std::vector<BenchLayer>& benchLayers(Monitor monitor = Monitor::kNone) {
+    static const std::vector<std::vector<BenchLayer>> sets = [] {
+        std::vector<std::vector<BenchLayer>> out(3);
+        for (int set = 0; set < 3; set++) {
+            for (int i = 1; i <= 4; i++) {
+                const std::string pkg = std::string("com.bench.") + kSetNames[set] + std::to_string(i);
+                out[set].push_back({pkg + "/" + pkg + ".MainActivity#" + std::to_string(i),
+                                    100 * (set + 1) + i});
+            }
         }
         return out;
     }();
-    return layers;
+    return sets[static_cast<int>(monitor)];
 }
 
 void startLibrary() {
     static const bool started = [] {
         android::platform::host::setClock(&manualNow);
+        perfd_stub::setProp("vendor.perf.phr.enable", "1");
+        for (int i = 1; i <= 4; i++) {
+            for (const char* set : {"phr", "gfr"}) {
+                const std::string pkg = std::string("com.bench.") + set + std::to_string(i);
+                perfd_stub::setGame(pkg, true);
+                perfd_stub::setGameWeight(pkg, 1);
+            }
+        }
         const bool enabled = pelyxInit(1080, 2400);
         pelyxSetVsyncPeriod(kFrameNs);
+        for (int i = 1; i <= 4; i++) {
+            const std::string phr = "com.bench.phr" + std::to_string(i);
+            const std::string gfr = "com.bench.gfr" + std::to_string(i);
+            perfd_stub::pushHint(4187, phr, 0, 0, {0, 80, 0, 120});
+            perfd_stub::pushHint(4189, gfr + ":golden=0.8", 0, 0, {1});
+        }
         return enabled;
     }();
     if (!started) std::abort();
@@ -99,28 +122,45 @@ void queueAndLatch(const BenchLayer& layer) {
     pelyxTrackBufferDecrement(layer.name.c_str(), layer.id, 0, &kBounds, true, true);
 }
 
-// Brings `count` layers to full tracking at a steady 60 fps and lets the boost thread finish
-// the classification work their promotion posted.
-void warmUp(size_t count) {
-    for (int frame = 0; frame < kWarmUpFrames; frame++) {
-        gNow.fetch_add(kFrameNs, std::memory_order_relaxed);
-        for (size_t i = 0; i < count; i++) queueAndLatch(benchLayers()[i]);
+// Brings `count` layers of a set to full tracking at a steady 60 fps: promotion, then a pause
+// for the boost thread to classify the games, then windows that switch their monitors on.
+void warmUp(size_t count, Monitor monitor) {
+    // Layers of an earlier run go silent and leave at the vsync path's clean-ups.
+    for (int i = 0; i < 3; i++) {
+        gNow.fetch_add(1'600'000'000, std::memory_order_relaxed);
+        pelyxTrackVsyncSignal();
     }
+    const std::vector<BenchLayer>& layers = benchLayers(monitor);
+    auto play = [&](int frames) {
+        for (int frame = 0; frame < frames; frame++) {
+            gNow.fetch_add(kFrameNs, std::memory_order_relaxed);
+            for (size_t i = 0; i < count; i++) queueAndLatch(layers[i]);
+        }
+    };
+    play(40);
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    play(kWarmUpFrames);
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
 }
 
-void BM_HotPath_QueueLatchPair(benchmark::State& state) {
+void runPairs(benchmark::State& state, Monitor monitor, size_t count) {
     startLibrary();
     // A compositor binder thread serving an app: the caller's identity is a thread-local read,
-    // as on a device. (The host default asks the kernel for getpid/getuid on every call.)
-    android::platform::host::setCallingIdentity(12345, 10123);
-    const size_t count = static_cast<size_t>(state.range(0));
-    warmUp(count);
-    if (android::LayerManager::getInstance()->trackedLayerCount() < static_cast<int32_t>(count)) {
-        state.SkipWithError("layers were not promoted to full tracking");
-        return;
+    // as on a device. (The host default asks the kernel for getpid/getuid on every call.) Each
+    // set is its own app: identity is cached per uid.
+    android::platform::host::setCallingIdentity(12345, 10123 + static_cast<int>(monitor));
+    warmUp(count, monitor);
+    const std::vector<BenchLayer>& layers = benchLayers(monitor);
+    android::LayerManager* lm = android::LayerManager::getInstance();
+    for (size_t i = 0; i < count; i++) {
+        auto status = lm->getLayerStatus(layers[i].id);
+        const bool ready = status && (monitor != Monitor::kHeadroom || status->phrRegistered) &&
+                (monitor != Monitor::kFrameRescue || status->gfrActive);
+        if (!ready) {
+            state.SkipWithError("layers did not reach full tracking with their monitor");
+            return;
+        }
     }
-    const std::vector<BenchLayer>& layers = benchLayers();
     size_t next = 0;
 #ifndef PELYX_BENCH_SANITIZED
     const uint64_t allocationsBefore = tAllocations;
@@ -137,7 +177,21 @@ void BM_HotPath_QueueLatchPair(benchmark::State& state) {
             static_cast<double>(tAllocations - allocationsBefore), benchmark::Counter::kAvgIterations);
 #endif
 }
+
+void BM_HotPath_QueueLatchPair(benchmark::State& state) {
+    runPairs(state, Monitor::kNone, static_cast<size_t>(state.range(0)));
+}
 BENCHMARK(BM_HotPath_QueueLatchPair)->Arg(1)->Arg(4);
+
+void BM_HotPath_PairHeadroomRegistered(benchmark::State& state) {
+    runPairs(state, Monitor::kHeadroom, static_cast<size_t>(state.range(0)));
+}
+BENCHMARK(BM_HotPath_PairHeadroomRegistered)->Arg(1)->Arg(4);
+
+void BM_HotPath_PairFrameRescueActive(benchmark::State& state) {
+    runPairs(state, Monitor::kFrameRescue, static_cast<size_t>(state.range(0)));
+}
+BENCHMARK(BM_HotPath_PairFrameRescueActive)->Arg(1)->Arg(4);
 
 // Amortises the registry's periodic clean-up, which runs on the vsync path every 1.5 s.
 void BM_HotPath_Vsync(benchmark::State& state) {
