@@ -91,10 +91,15 @@ const std::vector<BenchLayer>& benchLayers(Monitor monitor = Monitor::kNone) {
     return sets[static_cast<int>(monitor)];
 }
 
+// Configuration is read once per process, possibly by an earlier benchmark: set it at load.
+const bool kConfigured = [] {
+    perfd_stub::setProp("vendor.perf.phr.enable", "1");
+    return true;
+}();
+
 void startLibrary() {
     static const bool started = [] {
         android::platform::host::setClock(&manualNow);
-        perfd_stub::setProp("vendor.perf.phr.enable", "1");
         for (int i = 1; i <= 4; i++) {
             for (const char* set : {"phr", "gfr"}) {
                 const std::string pkg = std::string("com.bench.") + set + std::to_string(i);

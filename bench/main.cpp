@@ -1,0 +1,124 @@
+// pelyx-bench: Google Benchmark's usual output, then one summary table that puts the hot path
+// against its floor and the timer queue against libutils' Looper.
+#include <benchmark/benchmark.h>
+
+#include <cstdio>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace {
+
+struct Result {
+    double ns = 0;                         // per iteration
+    std::map<std::string, double> counters;
+};
+
+// Prints as the console reporter does and keeps every run for the table.
+class CollectingReporter : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            if (run.error_occurred || run.run_type != Run::RT_Iteration) continue;
+            Result result;
+            result.ns = run.GetAdjustedRealTime() * toNs(run.time_unit);
+            for (const auto& [name, counter] : run.counters) result.counters[name] = counter.value;
+            mResults[run.benchmark_name()] = result;
+        }
+    }
+
+    std::optional<Result> find(const std::string& prefix) const {
+        for (const auto& [name, result] : mResults) {
+            if (name.rfind(prefix, 0) == 0) return result;
+        }
+        return std::nullopt;
+    }
+
+private:
+    static double toNs(benchmark::TimeUnit unit) {
+        switch (unit) {
+            case benchmark::kNanosecond: return 1;
+            case benchmark::kMicrosecond: return 1e3;
+            case benchmark::kMillisecond: return 1e6;
+            case benchmark::kSecond: return 1e9;
+        }
+        return 1;
+    }
+
+    std::map<std::string, Result> mResults;
+};
+
+std::string fmt(const char* format, double value) {
+    char text[64];
+    snprintf(text, sizeof(text), format, value);
+    return text;
+}
+
+void printSummary(const CollectingReporter& r) {
+    printf("\n=== pelyx-bench summary ===\n");
+    const auto floor = r.find("BM_Floor_LockAndHashLookup");
+    const auto empty = r.find("BM_Floor_EmptyExportedCall");
+    printf("\nHot path (ns per call; floor = uncontended lock + hash lookup%s)\n",
+           floor ? fmt(", %.1f ns", floor->ns).c_str() : "");
+    printf("  %-46s %10s %10s %10s\n", "case", "ns", "x floor", "allocs");
+    const std::pair<const char*, const char*> hot[] = {
+            {"queue+latch pair, 1 layer, no monitor", "BM_HotPath_QueueLatchPair/1"},
+            {"queue+latch pair, 4 layers, no monitor", "BM_HotPath_QueueLatchPair/4"},
+            {"queue+latch pair, 4 layers, PHR registered", "BM_HotPath_PairHeadroomRegistered/4"},
+            {"queue+latch pair, 4 layers, frame rescue", "BM_HotPath_PairFrameRescueActive/4"},
+            {"vsync", "BM_HotPath_Vsync"},
+            {"queue of a 1 MiB package-less name", "BM_HotPath_PackagelessHugeName"},
+    };
+    for (const auto& [label, name] : hot) {
+        const auto result = r.find(name);
+        if (!result) continue;
+        auto allocs = result->counters.find("allocs_per_pair");
+        printf("  %-46s %10.1f %10s %10s\n", label, result->ns,
+               floor ? fmt("%.1fx", result->ns / floor->ns).c_str() : "-",
+               allocs != result->counters.end() ? fmt("%.2f", allocs->second).c_str() : "");
+    }
+    if (empty) printf("  %-46s %10.2f\n", "empty exported call", empty->ns);
+
+    printf("\nTimer queue vs Looper: schedule + cancel (ns)\n");
+    printf("  %-12s %14s %14s %10s\n", "pending", "TimerQueue", "Looper", "ratio");
+    for (const char* pending : {"10", "1000", "100000"}) {
+        const auto tq = r.find(std::string("BM_TimerQueue_ScheduleCancel/") + pending);
+        const auto lo = r.find(std::string("BM_Looper_ScheduleCancel/") + pending);
+        if (!tq || !lo) continue;
+        printf("  %-12s %14.0f %14.0f %9.1fx\n", pending, tq->ns, lo->ns, lo->ns / tq->ns);
+    }
+    printf("\nDispatch lateness (us): TimerQueue p50/p99 vs Looper p50/p99\n");
+    for (const char* delay : {"1", "5", "10", "20"}) {
+        const auto tq = r.find(std::string("BM_TimerQueue_Lateness/") + delay + "/");
+        const auto lo = r.find(std::string("BM_Looper_Lateness/") + delay + "/");
+        if (!tq || !lo) continue;
+        printf("  %3s ms   %8.1f / %-8.1f   %8.1f / %-8.1f\n", delay, tq->counters.at("p50_us"),
+               tq->counters.at("p99_us"), lo->counters.at("p50_us"), lo->counters.at("p99_us"));
+    }
+    printf("\nHold accuracy: release lateness against the intended point (us)\n");
+    const std::pair<const char*, const char*> holds[] = {
+            {"PHR worker release", "BM_PHR_WorkerReleaseLateness"},
+            {"target-fps pacing", "BM_PHR_TargetFpsPacingLateness"},
+    };
+    for (const auto& [label, name] : holds) {
+        const auto result = r.find(name);
+        if (!result) continue;
+        printf("  %-24s p50 %8.1f   p99 %8.1f\n", label, result->counters.at("p50_us"),
+               result->counters.at("p99_us"));
+    }
+    printf("\n");
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    CollectingReporter reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    printSummary(reporter);
+    benchmark::Shutdown();
+    return 0;
+}
