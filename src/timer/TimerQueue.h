@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <functional>
 #include <unordered_set>
+
+#include "timer/NodeRecycler.h"
 #include <vector>
 
 namespace android {
@@ -91,7 +93,13 @@ private:
 
     Mutex mMutex;
     std::vector<TimerEntry> mHeap GUARDED_BY(mMutex);
-    std::unordered_set<uint64_t> mCancelled GUARDED_BY(mMutex);
+    // Declared first so that it outlives the set whose nodes it keeps.
+    NodeRecycler mCancelledNodes;
+    // Cancelling and purging one id per frame would otherwise allocate a node per frame.
+    std::unordered_set<uint64_t, std::hash<uint64_t>, std::equal_to<uint64_t>,
+                       RecyclingAllocator<uint64_t>>
+            mCancelled GUARDED_BY(mMutex){0, std::hash<uint64_t>(), std::equal_to<uint64_t>(),
+                                          RecyclingAllocator<uint64_t>(&mCancelledNodes)};
     uint64_t mNextId GUARDED_BY(mMutex) = 1;
 };
 
