@@ -2,7 +2,7 @@
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test asan tsan bench fuzz clean
+.PHONY: all deps build test asan tsan bench fuzz soak clean
 
 all: build
 
@@ -30,6 +30,11 @@ tsan: deps build/tsan/build.ninja
 
 bench: build
 	build/release/bench/pelyx-bench $(BENCH_ARGS)
+
+# The soak test alone for SOAK_SECONDS: memory flat, no error line, no blocked thread.
+SOAK_SECONDS ?= 180
+soak: build
+	PELYX_SOAK_SECONDS=$(SOAK_SECONDS) build/release/tests/soak_test
 
 # Runs every fuzzer for FUZZ_SECONDS on a scratch copy of its committed seed corpus.
 FUZZ_SECONDS ?= 60

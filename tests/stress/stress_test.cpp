@@ -16,10 +16,11 @@
 #include "pelyx/pelyx.h"
 #include "platform/HostControl.h"
 #include "platform/Properties.h"
-#include "support/FakeBoostDevice.h"
+#include "stress/Watchdog.h"
 
 using namespace android;
 using Clock = std::chrono::steady_clock;
+using pelyx_test::Watchdog;
 
 namespace {
 
@@ -31,26 +32,6 @@ int stressSeconds() {
     const int seconds = env ? atoi(env) : 0;
     return seconds > 0 ? seconds : 4;
 }
-
-// Each worker stamps the time it entered a library call; 0 while it is outside.
-struct Heartbeat {
-    std::atomic<int64_t> enteredNs{0};
-    std::string role;
-};
-
-int64_t steadyNs() {
-    return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
-            .count();
-}
-
-class Call {
-public:
-    explicit Call(Heartbeat& beat) : mBeat(beat) { mBeat.enteredNs.store(steadyNs()); }
-    ~Call() { mBeat.enteredNs.store(0); }
-
-private:
-    Heartbeat& mBeat;
-};
 
 // Fences behind the ioctl table: every descriptor names a GPU timeline; deadlines succeed.
 int fenceIoctl(int, unsigned long request, void* arg) {
@@ -81,14 +62,14 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
     const int seconds = stressSeconds();
     const auto end = Clock::now() + std::chrono::seconds(seconds);
     std::atomic<bool> running{true};
-    std::vector<Heartbeat> beats(8);
+    Watchdog watchdog(7, kBlockedBound);
     std::vector<std::thread> threads;
     std::atomic<uint64_t> calls{0};
 
     // Compositor queue threads: each serves a few layers whose ids churn.
     for (int t = 0; t < 3; t++) {
-        beats[t].role = "queue " + std::to_string(t);
-        threads.emplace_back([&, t] {
+        Watchdog::Beat& beat = watchdog.beat(t, "queue " + std::to_string(t));
+        threads.emplace_back([&, t, &beat = beat] {
             std::mt19937 rng(t);
             platform::host::setCallingIdentity(2000 + t, 10'100 + t);
             int generation = 0;
@@ -101,7 +82,7 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
                 const auto until = Clock::now() + std::chrono::milliseconds(300 + rng() % 900);
                 while (running.load() && Clock::now() < until) {
                     {
-                        Call call(beats[t]);
+                        Watchdog::Call call(beat);
                         pelyxTrackBufferIncrement(name.c_str(), id, rng() % 2, rng() % 2, 0);
                         pelyxTrackBufferDecrement(name.c_str(), id, rng() % 3, &bounds, rng() % 4 != 0,
                                                   rng() % 8 != 0);
@@ -114,11 +95,11 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
         });
     }
     // Vsync.
-    beats[3].role = "vsync";
+    Watchdog::Beat& vsyncBeat = watchdog.beat(3, "vsync");
     threads.emplace_back([&] {
         while (running.load()) {
             {
-                Call call(beats[3]);
+                Watchdog::Call call(vsyncBeat);
                 pelyxTrackVsyncSignal();
                 pelyxUnblockPendingBuffer();
             }
@@ -127,13 +108,13 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
         }
     });
     // GPU fences.
-    beats[4].role = "fences";
+    Watchdog::Beat& fenceBeat = watchdog.beat(4, "fences");
     threads.emplace_back([&] {
         std::mt19937 rng(4);
         while (running.load()) {
             const int32_t id = 100 + (rng() % 3) * 1000 + rng() % 50;
             {
-                Call call(beats[4]);
+                Watchdog::Call call(fenceBeat);
                 pelyxNotifyGpuFenceUnsignaled(5, id);
                 pelyxTrackLatchUnsignaledGpuFence(6, id);
                 pelyxFlushLatchUnsignaledGpuFences();
@@ -143,13 +124,13 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
         }
     });
     // The performance service pushing configuration.
-    beats[5].role = "service";
+    Watchdog::Beat& serviceBeat = watchdog.beat(5, "service");
     threads.emplace_back([&] {
         std::mt19937 rng(5);
         while (running.load()) {
             const std::string pkg = "com.stress.app" + std::to_string(rng() % 8);
             {
-                Call call(beats[5]);
+                Watchdog::Call call(serviceBeat);
                 switch (rng() % 5) {
                     case 0: perfd_stub::pushHint(4171, pkg, 3000 + rng() % 9000, 0, {}); break;
                     case 1: perfd_stub::pushHint(4187, pkg, 0, 0, {0, int(rng() % 150), 0, int(rng() % 200)}); break;
@@ -164,14 +145,14 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
         }
     });
     // Smart-touch switch flips, and one registry stop at a random moment.
-    beats[6].role = "switches";
+    Watchdog::Beat& switchBeat = watchdog.beat(6, "switches");
     threads.emplace_back([&] {
         std::mt19937 rng(6);
         const auto stopAt = Clock::now() + std::chrono::milliseconds(rng() % (seconds * 1000));
         bool stopped = false;
         while (running.load()) {
             {
-                Call call(beats[6]);
+                Watchdog::Call call(switchBeat);
                 platform::setProperty("debug.vendor.perf.smart_touch", rng() % 2 ? "1" : "0");
                 if (!stopped && Clock::now() >= stopAt) {
                     LayerManager::getInstance()->stop();
@@ -183,20 +164,12 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
         }
     });
 
-    // Watchdog.
-    bool stuck = false;
     std::string stuckRole;
-    while (Clock::now() < end && !stuck) {
+    while (Clock::now() < end && stuckRole.empty()) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        const int64_t now = steadyNs();
-        for (Heartbeat& beat : beats) {
-            const int64_t entered = beat.enteredNs.load();
-            if (entered != 0 && now - entered > std::chrono::nanoseconds(kBlockedBound).count()) {
-                stuck = true;
-                stuckRole = beat.role;
-            }
-        }
+        stuckRole = watchdog.blocked();
     }
+    const bool stuck = !stuckRole.empty();
     if (stuck) {
         // A thread that never returns cannot be joined: report and leave at once.
         fprintf(stderr, "thread '%s' blocked inside the library for more than %lld s\n",
