@@ -125,6 +125,7 @@ public:
     const std::string mName;
     const std::string mFrameTimeTrack; // async slice between queues
     const std::string mHeadroomTrack;  // async slice while a buffer is held
+    std::atomic<bool> mFrameTimeSliceOpen{false};
 
     // Current headroom target; written under mLock, read lock-free by the worker and the hold.
     std::atomic<int64_t> mHeadroom{-1};

@@ -197,6 +197,9 @@ void PHRMonitor::unregisterLayer(int32_t layerId) {
         mLayers.erase(it);
     }
     removed->detach();
+    if (removed->mFrameTimeSliceOpen.exchange(false)) {
+        PerfProxy::XTRACE_ASYNC_END(removed->mFrameTimeTrack.c_str(), layerId);
+    }
     PerfProxy::XLOGD(kTag, "Layer %d destroyed", layerId);
 }
 
@@ -249,11 +252,18 @@ void PHRMonitor::onBufferIncrement(int32_t layerId, int64_t frameTimeNs, int64_t
     if (state == nullptr) return;
     if (state->mQuickTouchActive.load()) checkAndUpdateHeadroom(state.get(), frameTimeNs);
     // Frame-time track: the time between queues; headroom track: the time a buffer was held.
-    PerfProxy::XTRACE_ASYNC_END(state->mFrameTimeTrack.c_str(), layerId);
+    // A frame-time slice is ended only if one was begun, so the trace stays balanced from a
+    // layer's first buffer and across tracing being switched on mid-run.
+    if (state->mFrameTimeSliceOpen.exchange(false)) {
+        PerfProxy::XTRACE_ASYNC_END(state->mFrameTimeTrack.c_str(), layerId);
+    }
     PerfProxy::XTRACE_ASYNC_BEGIN(state->mHeadroomTrack.c_str(), layerId);
     trackQueueBuffer(state.get(), instant, queueTimeNs);
     PerfProxy::XTRACE_ASYNC_END(state->mHeadroomTrack.c_str(), layerId);
-    PerfProxy::XTRACE_ASYNC_BEGIN(state->mFrameTimeTrack.c_str(), layerId);
+    if (PerfProxy::isTraceEnabled()) {
+        PerfProxy::XTRACE_ASYNC_BEGIN(state->mFrameTimeTrack.c_str(), layerId);
+        state->mFrameTimeSliceOpen.store(true);
+    }
 }
 
 void PHRMonitor::onBufferDecrement(int32_t layerId, int32_t bufferCount, int64_t latchTimeNs) {
