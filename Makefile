@@ -1,8 +1,9 @@
-# Everything a fresh Debian machine needs: `make test` installs what is missing, builds, tests.
+# Everything a fresh Debian machine needs: `make test` installs what is missing, builds, tests;
+# `make run` installs, builds the simulator and runs it.
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test asan tsan bench fuzz soak clean
+.PHONY: all deps build test run asan tsan bench fuzz soak clean
 
 all: build
 
@@ -17,6 +18,12 @@ build: deps build/release/build.ninja
 
 test: build
 	ctest --preset release -j $(JOBS) $(CTEST_ARGS)
+
+# pelyx-sim on its built-in scenario (about 10 s); SIM_ARGS adds options, e.g. SIM_ARGS=--compare.
+SIM_ARGS ?=
+run: deps build/release/build.ninja
+	cmake --build --preset release -j $(JOBS) --target pelyx-sim
+	build/release/tools/sim/pelyx-sim $(SIM_ARGS)
 
 asan: deps build/asan/build.ninja
 	cmake --build --preset asan -j $(JOBS)

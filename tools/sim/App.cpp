@@ -1,0 +1,145 @@
+#include "App.h"
+
+#include <time.h>
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <string>
+
+#include "FakeDevices.h"
+#include "pelyx/pelyx.h"
+#include "platform/Clock.h"
+#include "platform/HostControl.h"
+#include "platform/Threads.h"
+#include "platform/Trace.h"
+
+namespace pelyx_sim {
+namespace {
+
+void sleepFor(int64_t ns) {
+    if (ns <= 0) return;
+    timespec ts{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
+    while (clock_nanosleep(CLOCK_MONOTONIC, 0, &ts, &ts) == EINTR) {
+    }
+}
+
+// Frames per second of the median of the last queue intervals: the rate the app keeps, which
+// a heavy frame now and then does not move.
+double cadence(const std::vector<int64_t>& queueTimes) {
+    constexpr size_t kIntervals = 15;
+    if (queueTimes.size() < kIntervals + 1) return 0;
+    std::array<int64_t, kIntervals> intervals;
+    for (size_t i = 0; i < kIntervals; ++i) {
+        const size_t at = queueTimes.size() - 1 - i;
+        intervals[i] = queueTimes[at] - queueTimes[at - 1];
+    }
+    std::nth_element(intervals.begin(), intervals.begin() + kIntervals / 2, intervals.end());
+    const int64_t median = intervals[kIntervals / 2];
+    return median > 0 ? 1e9 / static_cast<double>(median) : 0;
+}
+
+} // namespace
+
+App::App(LayerRuntime& layer, const Compositor& compositor, const StopSignal& stop,
+         int64_t runStartNs)
+      : mLayer(layer), mCompositor(compositor), mStop(stop), mRunStartNs(runStartNs) {}
+
+App::~App() {
+    if (mThread.joinable()) mThread.join();
+}
+
+void App::start() {
+    mThread = std::thread([this] {
+        run();
+        mLayer.appDone.store(true);
+    });
+}
+
+void App::join() {
+    if (mThread.joinable()) mThread.join();
+}
+
+void App::run() {
+    const LayerSetup& setup = mLayer.setup;
+    android::platform::setThreadName(("app " + setup.label).c_str());
+    android::platform::host::setCallingIdentity(mLayer.app.pid, mLayer.app.uid);
+    if (mStop.waitUntil(mRunStartNs + static_cast<int64_t>(setup.startS * 1e9))) return;
+    while (!mStop.stopped()) {
+        if (setup.stopS >= 0 &&
+            android::platform::now() >= mRunStartNs + static_cast<int64_t>(setup.stopS * 1e9)) {
+            return;
+        }
+        if (!frame()) return;
+    }
+}
+
+// One frame; false when the app is done.
+bool App::frame() {
+    const LayerSetup& setup = mLayer.setup;
+    if (setup.fpsCap > 0) {
+        // The app paces itself as a vsync-driven app does: a frame starts at a vsync, at least
+        // one cap period (less half a vsync, for the clock's jitter) after the one before.
+        const int64_t capPeriod = static_cast<int64_t>(std::llround(1e9 / setup.fpsCap));
+        const int64_t earliest = mLastCapStartNs == 0
+                ? android::platform::now()
+                : mLastCapStartNs + capPeriod - mCompositor.periodNs() / 2;
+        const int64_t start = mCompositor.nextVsyncAfter(earliest - 1);
+        if (mStop.waitUntil(start)) return false;
+        mLastCapStartNs = start;
+    }
+
+    Frame frame;
+    frame.number = ++mFrames;
+    frame.startNs = android::platform::now();
+    const std::optional<FrameWork> work = mLayer.work.next(frame.startNs - mRunStartNs);
+    if (!work) return false;
+    frame.heavy = work->heavy;
+    if (setup.smartTouch) aPelyxSetVsyncTime(mCompositor.nextVsyncAfter(frame.startNs));
+    frame.touchNs = mLayer.input.sample();
+
+    // Input and simulation, then the buffer (the wait when every other one is queued), then
+    // the rendering into it.
+    const int64_t beforeDequeue = static_cast<int64_t>(static_cast<double>(work->cpuNs) * setup.work.dequeueAt);
+    android::platform::traceBegin(("work " + setup.label).c_str());
+    sleepFor(beforeDequeue);
+    android::platform::traceEnd();
+    if (!mLayer.queue.dequeue()) return false;
+    android::platform::traceBegin(("work " + setup.label).c_str());
+    sleepFor(work->cpuNs - beforeDequeue);
+    android::platform::traceEnd();
+
+    bool autoTimestamp = true;
+    int64_t desiredPresent = 0;
+    uint32_t flags = 0;
+    if (setup.smartTouch) {
+        aPelyxQueueBuffer(true);
+        aPelyxFilterBuffer(&autoTimestamp, &desiredPresent, &flags);
+    }
+    const int64_t before = android::platform::now();
+    frame.instant = !autoTimestamp && desiredPresent <= before;
+    android::platform::traceBegin(("queue " + setup.label).c_str());
+    // The compositor's queue path: the flag is whether the buffer carries an automatic
+    // timestamp, the value 1 marks an instant buffer, the timestamp is the desired present time.
+    pelyxTrackBufferIncrement(setup.name.c_str(), setup.id, autoTimestamp, frame.instant ? 1 : 0,
+                              autoTimestamp ? before : desiredPresent);
+    android::platform::traceEnd();
+    const int64_t after = android::platform::now();
+    if (after - before > kHoldNs) {
+        mLayer.holdsMs.push_back(static_cast<double>(after - before) / 1e6);
+        if (mLayer.targetFps.load() <= 0) ++mLayer.quickTouchHolds;
+    }
+    frame.queueNs = after;
+    if (work->gpuNs > 0) {
+        frame.fenceFd = FakeDevices::instance().createFence(mLayer.index, after + work->gpuNs);
+    }
+    mLayer.queue.queue(frame);
+    mLayer.queueTimes.push_back(after);
+    mLayer.cadenceFps.store(cadence(mLayer.queueTimes));
+    mLayer.framesQueued.fetch_add(1);
+    if (frame.instant) ++mLayer.instantBuffers;
+    if (setup.smartTouch) aPelyxQueueBuffer(false);
+    return true;
+}
+
+} // namespace pelyx_sim

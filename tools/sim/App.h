@@ -1,0 +1,45 @@
+#pragma once
+
+// One app's render thread for one layer, with the app's pid and uid as the calling identity of
+// the compositor's queue path. Each frame: sample input, work (sleep) for the first share of the
+// frame's time, take a free buffer (waiting while every other one is queued), work the rest,
+// then queue through pelyxTrackBufferIncrement, which the library may hold; with smart touch the
+// app-side functions wrap the queue. The thread ends at the stop signal, at the layer's stop
+// time, or when its replay runs out.
+
+#include <cstdint>
+#include <thread>
+
+#include "BufferQueue.h"
+#include "Compositor.h"
+#include "LayerRuntime.h"
+
+namespace pelyx_sim {
+
+class App {
+public:
+    // A hold is a queue call that took longer than this.
+    static constexpr int64_t kHoldNs = 500'000;
+
+    App(LayerRuntime& layer, const Compositor& compositor, const StopSignal& stop, int64_t runStartNs);
+    ~App();
+
+    void start();
+    // Only once layer().appDone is set, or the join may wait for a held queue call.
+    void join();
+    LayerRuntime& layer() { return mLayer; }
+
+private:
+    void run();
+    bool frame();
+
+    LayerRuntime& mLayer;
+    const Compositor& mCompositor;
+    const StopSignal& mStop;
+    const int64_t mRunStartNs;
+    int64_t mLastCapStartNs = 0;
+    uint64_t mFrames = 0;
+    std::thread mThread;
+};
+
+} // namespace pelyx_sim

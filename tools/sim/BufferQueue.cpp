@@ -1,0 +1,91 @@
+#include "BufferQueue.h"
+
+#include <time.h>
+
+namespace pelyx_sim {
+namespace {
+int64_t monotonicNs() {
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
+}
+} // namespace
+
+BufferQueue::BufferQueue(int buffers) : mFree(buffers) {}
+
+bool BufferQueue::dequeue() {
+    android::Mutex::Autolock lock(mLock);
+    while (mFree == 0 && !mClosed) mFreed.wait(mLock);
+    if (mClosed) return false;
+    --mFree;
+    return true;
+}
+
+void BufferQueue::queue(const Frame& frame) {
+    android::Mutex::Autolock lock(mLock);
+    mQueued.push_back(frame);
+}
+
+void BufferQueue::cancel() {
+    android::Mutex::Autolock lock(mLock);
+    ++mFree;
+    mFreed.broadcast();
+}
+
+std::optional<Frame> BufferQueue::oldest() const {
+    android::Mutex::Autolock lock(mLock);
+    if (mQueued.empty()) return std::nullopt;
+    return mQueued.front();
+}
+
+int BufferQueue::latch(Frame* latched) {
+    android::Mutex::Autolock lock(mLock);
+    if (mQueued.empty()) return 0;
+    *latched = mQueued.front();
+    mQueued.pop_front();
+    if (mOnScreen) {
+        ++mFree;
+        mFreed.broadcast();
+    }
+    mOnScreen = true;
+    return static_cast<int>(mQueued.size());
+}
+
+int BufferQueue::queued() const {
+    android::Mutex::Autolock lock(mLock);
+    return static_cast<int>(mQueued.size());
+}
+
+int BufferQueue::freeBuffers() const {
+    android::Mutex::Autolock lock(mLock);
+    return mFree;
+}
+
+void BufferQueue::close() {
+    android::Mutex::Autolock lock(mLock);
+    mClosed = true;
+    mFreed.broadcast();
+}
+
+void StopSignal::stop() {
+    android::Mutex::Autolock lock(mLock);
+    mStopped = true;
+    mCondition.broadcast();
+}
+
+bool StopSignal::stopped() const {
+    android::Mutex::Autolock lock(mLock);
+    return mStopped;
+}
+
+bool StopSignal::waitUntil(int64_t deadlineNs) const {
+    android::Mutex::Autolock lock(mLock);
+    while (!mStopped) {
+        const int64_t left = deadlineNs - monotonicNs();
+        if (left <= 0) break;
+        mCondition.waitRelative(mLock, left);
+    }
+    return mStopped;
+}
+
+} // namespace pelyx_sim

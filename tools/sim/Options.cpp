@@ -1,0 +1,176 @@
+#include "Options.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cmath>
+#include <cstdlib>
+#include <memory>
+
+#include "Capture.h"
+
+namespace pelyx_sim {
+
+const char* const kUsage = R"(usage: pelyx-sim [SCENARIO.json] [options]
+
+Plays a compositor, apps and the performance service against libpelyx.so in real time.
+Without SCENARIO.json the built-in scenario runs (about 10 s).
+
+options:
+  --duration S         run for S seconds (default: the scenario's; with --replay, until the
+                       captures have been replayed to their end)
+  --refresh HZ         display refresh rate (overrides the scenario's)
+  --replay LAYER=FILE  LAYER (label or id) replays the MsBetweenPresents column of a
+                       PresentMon/OCAT capture as its per-frame work time
+  --prop KEY=VALUE     sets a property before start (after the scenario's)
+  --seed N             seed of the work-time models
+  --summary FILE       writes the JSON summary
+  --trace FILE         writes a Trace Event Format trace (opens in the Perfetto UI); turns the
+                       library's debug switch on unless a scenario or --prop sets it
+  --log FILE           writes every library log line to FILE
+  --frames FILE        writes one CSV row per presented frame (times, latencies, janks)
+  --compare            runs the scenario twice, library disabled then enabled, and prints
+                       the differences side by side
+  --disable            runs with the library switched off
+  --quiet              no progress line and no report
+  --print-default      prints the built-in scenario and exits
+  -h, --help           this text
+
+exit status: 0 done, 1 the run failed, 2 bad command line, scenario or capture
+)";
+
+namespace {
+
+double parseNumber(const std::string& option, const std::string& text) {
+    errno = 0;
+    char* end = nullptr;
+    const double value = strtod(text.c_str(), &end);
+    if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(value)) {
+        throw UsageError(option + ": not a number: \"" + text + "\"");
+    }
+    return value;
+}
+
+std::pair<std::string, std::string> splitAssignment(const std::string& option,
+                                                    const std::string& text) {
+    const size_t eq = text.find('=');
+    if (eq == std::string::npos || eq == 0) {
+        throw UsageError(option + ": expected NAME=VALUE, got \"" + text + "\"");
+    }
+    return {text.substr(0, eq), text.substr(eq + 1)};
+}
+
+} // namespace
+
+Options parseOptions(const std::vector<std::string>& args) {
+    Options o;
+    for (size_t i = 0; i < args.size(); ++i) {
+        std::string arg = args[i];
+        std::string inlineValue;
+        bool hasInline = false;
+        if (arg.compare(0, 2, "--") == 0) {
+            const size_t eq = arg.find('=');
+            if (eq != std::string::npos) {
+                inlineValue = arg.substr(eq + 1);
+                arg = arg.substr(0, eq);
+                hasInline = true;
+            }
+        }
+        auto value = [&]() -> std::string {
+            if (hasInline) return inlineValue;
+            if (i + 1 >= args.size()) throw UsageError(arg + ": needs a value");
+            return args[++i];
+        };
+        auto file = [&]() {
+            std::string name = value();
+            if (name.empty()) throw UsageError(arg + ": needs a file name");
+            return name;
+        };
+        auto flag = [&](bool& target) {
+            if (hasInline) throw UsageError(arg + ": takes no value");
+            target = true;
+        };
+        if (arg == "-h" || arg == "--help") {
+            flag(o.help);
+        } else if (arg == "--duration") {
+            const double d = parseNumber(arg, value());
+            if (d <= 0 || d > 3600) throw UsageError(arg + ": must be above 0 and at most 3600");
+            o.durationS = d;
+        } else if (arg == "--refresh") {
+            const double hz = parseNumber(arg, value());
+            if (hz <= 0 || hz > 480) throw UsageError(arg + ": must be above 0 and at most 480");
+            o.refreshHz = hz;
+        } else if (arg == "--seed") {
+            const double seed = parseNumber(arg, value());
+            if (seed < 0 || seed > 4294967295.0 || seed != std::floor(seed)) {
+                throw UsageError(arg + ": must be a whole number from 0 to 4294967295");
+            }
+            o.seed = static_cast<uint32_t>(seed);
+        } else if (arg == "--prop") {
+            o.props.push_back(splitAssignment(arg, value()));
+        } else if (arg == "--replay") {
+            auto replay = splitAssignment(arg, value());
+            if (replay.second.empty()) throw UsageError(arg + ": no capture file given");
+            o.replays.push_back(replay);
+        } else if (arg == "--summary") {
+            o.summaryPath = file();
+        } else if (arg == "--trace") {
+            o.tracePath = file();
+        } else if (arg == "--log") {
+            o.logPath = file();
+        } else if (arg == "--frames") {
+            o.framesPath = file();
+        } else if (arg == "--compare") {
+            flag(o.compare);
+        } else if (arg == "--disable") {
+            flag(o.disable);
+        } else if (arg == "--quiet") {
+            flag(o.quiet);
+        } else if (arg == "--print-default") {
+            flag(o.printDefault);
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            throw UsageError("unknown option " + arg);
+        } else if (o.scenarioPath.empty()) {
+            o.scenarioPath = arg;
+        } else {
+            throw UsageError("more than one scenario file: " + o.scenarioPath + ", " + arg);
+        }
+    }
+    if (o.compare && o.disable) throw UsageError("--compare and --disable exclude each other");
+    if (o.compare && (!o.tracePath.empty() || !o.framesPath.empty() || !o.logPath.empty())) {
+        throw UsageError("--compare writes no trace, frames or log file");
+    }
+    return o;
+}
+
+void applyOverrides(Scenario& s, const Options& o) {
+    if (o.durationS) s.durationS = *o.durationS;
+    if (o.refreshHz) s.refreshHz = *o.refreshHz;
+    if (o.seed) s.seed = *o.seed;
+    for (const auto& [key, value] : o.props) s.setProperty(key, value);
+    for (const auto& [layerKey, file] : o.replays) {
+        LayerSetup* layer = s.findLayer(layerKey);
+        if (!layer) throw ScenarioError("--replay", "no layer is labelled or numbered \"" + layerKey + "\"");
+        Capture capture = readCapture(file);
+        layer->work.replayFile = file;
+        layer->work.replayMs = std::make_shared<const std::vector<double>>(std::move(capture.intervalsMs));
+    }
+    validateScenario(s);
+}
+
+std::vector<std::string> scenarioArguments(const Options& o) {
+    std::vector<std::string> args;
+    if (!o.scenarioPath.empty()) args.push_back(o.scenarioPath);
+    auto number = [](double v) {
+        char text[64];
+        snprintf(text, sizeof(text), "%.17g", v);
+        return std::string(text);
+    };
+    if (o.durationS) args.insert(args.end(), {"--duration", number(*o.durationS)});
+    if (o.refreshHz) args.insert(args.end(), {"--refresh", number(*o.refreshHz)});
+    if (o.seed) args.insert(args.end(), {"--seed", std::to_string(*o.seed)});
+    for (const auto& [k, v] : o.props) args.insert(args.end(), {"--prop", k + "=" + v});
+    for (const auto& [k, v] : o.replays) args.insert(args.end(), {"--replay", k + "=" + v});
+    return args;
+}
+
+} // namespace pelyx_sim

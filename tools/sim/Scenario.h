@@ -1,0 +1,149 @@
+#pragma once
+
+// What one simulator run plays: the display, the properties, the apps with their layers and work
+// models, and a timeline of configuration hints, property changes and touch gestures. Plain
+// values, built once by the parser (and the command-line overrides) before any thread starts.
+
+#include <cstdint>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace pelyx_sim {
+
+// A bad scenario: `key` is the JSON path of the offending value ("apps[0].layers[1].work.mean_ms"),
+// or an option name for a command-line override.
+class ScenarioError : public std::runtime_error {
+public:
+    ScenarioError(std::string key, std::string reason)
+          : std::runtime_error(key + ": " + reason), mKey(std::move(key)), mReason(std::move(reason)) {}
+    const std::string& key() const { return mKey; }
+    const std::string& reason() const { return mReason; }
+
+private:
+    std::string mKey;
+    std::string mReason;
+};
+
+struct Bounds {
+    int32_t left = 0;
+    int32_t top = 0;
+    int32_t right = 0;
+    int32_t bottom = 0;
+};
+
+// How long an app works on each frame. Times in ms; heavy frames come in bursts of `heavyBurst`
+// consecutive frames every `heavyEveryS` seconds from `heavyFromS` on. With `replay` set, the CPU
+// times come from a capture instead and the heavy-frame fields are not used.
+struct WorkModel {
+    double meanMs = 8.0;
+    double jitterMs = 0.0;  // standard deviation of a normal spread around the mean
+    double gpuMs = 0.0;     // GPU time after the queue: the buffer's fence signals then
+    double heavyMs = 0.0;   // 0: no heavy frames
+    double heavyGpuMs = 0.0;  // GPU time of a heavy frame; 0: the normal GPU time
+    double heavyEveryS = 0.0;
+    double heavyFromS = 0.0;
+    int heavyBurst = 1;
+    // The share of a frame's CPU work done before the app takes a buffer for it (a game samples
+    // input and simulates, then dequeues when it starts to render; the dequeue blocks while every
+    // other buffer is queued).
+    double dequeueAt = 0.5;
+    std::string replayFile;  // set by --replay
+    std::shared_ptr<const std::vector<double>> replayMs;
+};
+
+struct LayerSetup {
+    std::string label;  // short name used by the timeline, --replay and the report
+    std::string name;   // the compositor's layer name; the library derives the package from it
+    int32_t id = 0;
+    Bounds bounds;
+    bool focused = false;
+    bool visible = true;
+    int buffers = 3;      // buffers in the layer's queue, the one on screen included
+    double fpsCap = 0.0;  // the app's own cap: its frames start at vsyncs this far apart; 0: none
+    double startS = 0.0;
+    double stopS = -1.0;  // negative: runs to the end
+    bool smartTouch = false;  // the app calls the app-side smart-touch functions
+    WorkModel work;
+    size_t appIndex = 0;
+};
+
+struct AppSetup {
+    std::string package;
+    int32_t pid = 0;
+    int32_t uid = 0;
+    bool game = false;       // what the performance service answers when asked
+    int32_t gameWeight = -1;  // -1: the service has no weight for it
+    std::vector<LayerSetup> layers;
+};
+
+struct HintEvent {
+    int32_t id = 0;
+    std::string text;
+    int32_t value = 0;
+    int32_t value2 = 0;
+    std::vector<int32_t> values;
+};
+
+struct PropertyEvent {
+    std::string key;
+    std::string value;
+};
+
+enum class Gesture { Tap, Drag };
+
+// A tap is a down and an up `durationS` apart; a drag adds a MOVE every `intervalMs` between them.
+struct TouchEvent {
+    std::string layer;  // label
+    Gesture gesture = Gesture::Tap;
+    double durationS = 0.08;
+    double intervalMs = 8.0;
+};
+
+enum class EventKind { Hint, Property, Touch };
+
+struct TimelineEvent {
+    double atS = 0.0;
+    EventKind kind = EventKind::Hint;
+    HintEvent hint;
+    PropertyEvent property;
+    TouchEvent touch;
+    double repeatEveryS = 0.0;  // with count > 1: the event repeats this often
+    int count = 1;
+};
+
+struct Scenario {
+    std::string name;
+    std::string description;
+    double durationS = 10.0;
+    uint32_t seed = 1;
+    int32_t width = 1080;
+    int32_t height = 2400;
+    double refreshHz = 60.0;
+    std::vector<std::pair<std::string, std::string>> properties;  // in file order
+    std::vector<AppSetup> apps;
+    std::vector<TimelineEvent> timeline;  // sorted by time
+
+    // Every layer in app order; pointers stay valid while the scenario is not modified.
+    std::vector<const LayerSetup*> layers() const;
+    LayerSetup* findLayer(const std::string& labelOrId);
+    const AppSetup& appOf(const LayerSetup& layer) const { return apps[layer.appIndex]; }
+    // The value a property will have: the last setting in `properties`, or `fallback`.
+    std::string property(const std::string& key, const std::string& fallback) const;
+    void setProperty(const std::string& key, const std::string& value);
+};
+
+// Parses a scenario file's text. Unknown keys, wrong types and values out of range throw
+// ScenarioError naming the key; a JSON syntax error throws one with key "line L, column C".
+Scenario parseScenario(const std::string& text);
+
+// The built-in scenario (about 10 s; every feature of the library is exercised).
+extern const char* const kDefaultScenarioJson;
+
+// Checks what involves several parts of the scenario (unique ids and labels, timeline layers,
+// one smart-touch layer at most); the parser runs it, and so must every later change.
+void validateScenario(const Scenario& scenario);
+
+} // namespace pelyx_sim

@@ -1,0 +1,451 @@
+#include "Summary.h"
+
+#include <algorithm>
+#include <cmath>
+#include <map>
+#include <cstdio>
+#include <functional>
+#include <sstream>
+
+namespace pelyx_sim {
+namespace {
+
+Json::Value number(double v) {
+    if (!std::isfinite(v)) return Json::Value();  // null: nothing measured
+    return Json::Value(std::round(v * 1000.0) / 1000.0);
+}
+
+Json::Value boostsJson(const BoostCounts& b) {
+    Json::Value v(Json::objectValue);
+    v["level1"] = b.level1;
+    v["level2"] = b.level2;
+    v["level3"] = b.level3;
+    v["withdrawn"] = b.withdrawn;
+    return v;
+}
+
+Json::Value layerJson(const LayerResult& l) {
+    Json::Value v(Json::objectValue);
+    v["label"] = l.label;
+    v["name"] = l.name;
+    v["id"] = l.id;
+    v["package"] = l.package;
+    v["game"] = l.game;
+    v["promoted"] = l.promoted;
+    v["fps_mode"] = l.fpsMode();
+    Json::Value modes(Json::arrayValue);
+    for (const ModeChange& m : l.fpsModes) {
+        Json::Value change(Json::objectValue);
+        change["t_s"] = number(m.atS);
+        change["mode"] = m.mode;
+        modes.append(change);
+    }
+    v["fps_modes"] = modes;
+    v["frames_queued"] = Json::Int64(l.framesQueued);
+    v["frames_presented"] = Json::Int64(l.framesPresented);
+    v["presented_fps"] = number(l.presentedFps);
+    v["janks"] = l.janks;
+    Json::Value holds(Json::objectValue);
+    holds["count"] = static_cast<int>(l.holdsMs.size());
+    holds["p50_ms"] = number(percentile(l.holdsMs, 50));
+    holds["p99_ms"] = number(percentile(l.holdsMs, 99));
+    holds["quick_touch"] = l.quickTouchHolds;
+    v["holds"] = holds;
+    Json::Value boosts = boostsJson(l.boosts);
+    boosts["attributed"] = l.boostsAttributed;
+    boosts["service"] = l.serviceBoosts;
+    v["boosts"] = boosts;
+    Json::Value latency(Json::objectValue);
+    latency["frames"] = static_cast<int>(l.inputToPresentMs.size());
+    latency["p50"] = number(percentile(l.inputToPresentMs, 50));
+    latency["p95"] = number(percentile(l.inputToPresentMs, 95));
+    v["input_to_present_ms"] = latency;
+    v["target_fps"] = l.targetFps ? number(*l.targetFps) : Json::Value();
+    v["last_second_fps"] = number(l.lastSecondFps);
+    v["target_fps_active"] = l.targetFpsActive;
+    v["quick_touch"] = l.quickTouch();
+    Json::Value touch(Json::objectValue);
+    touch["instant_buffers"] = l.instantBuffers;
+    touch["moves_consumed_now"] = l.movesConsumedNow;
+    touch["moves_held"] = l.movesHeld;
+    v["smart_touch"] = touch;
+    Json::Value gpu(Json::objectValue);
+    gpu["late_fences"] = l.lateFences;
+    gpu["deadline_requests"] = l.deadlineRequests;
+    v["gpu"] = gpu;
+    if (!l.replayFile.empty()) {
+        Json::Value replay(Json::objectValue);
+        replay["file"] = l.replayFile;
+        replay["frames"] = static_cast<Json::UInt64>(l.replayFrames);
+        replay["replayed"] = static_cast<Json::UInt64>(l.replayed);
+        replay["median_ms"] = number(l.replayMedianMs);
+        replay["expected_fps_mode"] = l.expectedFpsMode;
+        replay["longest_fps_mode"] = l.longestFpsMode;
+        v["replay"] = replay;
+    } else {
+        v["replay"] = Json::Value();
+    }
+    return v;
+}
+
+Json::Value strings(const std::vector<std::string>& lines) {
+    Json::Value v(Json::arrayValue);
+    for (const std::string& line : lines) v.append(line);
+    return v;
+}
+
+} // namespace
+
+int longestMode(const std::vector<ModeChange>& modes, double endS) {
+    std::map<int, double> held;
+    for (size_t i = 0; i < modes.size(); ++i) {
+        const double until = i + 1 < modes.size() ? modes[i + 1].atS : endS;
+        held[modes[i].mode] += std::max(0.0, until - modes[i].atS);
+    }
+    int best = -1;
+    double longest = -1;
+    for (const auto& [mode, seconds] : held) {
+        if (mode != -1 && seconds > longest) {
+            best = mode;
+            longest = seconds;
+        }
+    }
+    return best;
+}
+
+Json::Value toJson(const RunResult& r) {
+    Json::Value root(Json::objectValue);
+    root["schema"] = kSummarySchema;
+    root["scenario"] = r.scenario;
+    root["library_enabled"] = r.libraryEnabled;
+    root["duration_s"] = number(r.durationS);
+    Json::Value display(Json::objectValue);
+    display["width"] = r.width;
+    display["height"] = r.height;
+    display["refresh_hz"] = number(r.refreshHz);
+    root["display"] = display;
+    Json::Value layers(Json::arrayValue);
+    for (const LayerResult& l : r.layers) layers.append(layerJson(l));
+    root["layers"] = layers;
+    Json::Value boosts = boostsJson(r.boosts);
+    boosts["records"] = static_cast<Json::UInt64>(r.boostRecords);
+    boosts["device_opened"] = r.boostDeviceOpened;
+    root["boosts"] = boosts;
+    Json::Value events(Json::objectValue);
+    for (const auto& [id, count] : r.perfEvents) events[std::to_string(id)] = count;
+    root["perf_events"] = events;
+    Json::Value reports(Json::arrayValue);
+    for (const SceneReport& report : r.sceneReports) reports.append(report.json);
+    root["scene_reports"] = reports;
+    Json::Value pids(Json::arrayValue);
+    for (int pid : r.lowLatencyPids) pids.append(pid);
+    root["low_latency_pids"] = pids;
+    root["target_fps_active"] = r.targetFpsActive;
+    root["touch_boosts"] = r.touchBoosts;
+    Json::Value hints(Json::objectValue);
+    hints["delivered"] = r.hintsDelivered;
+    hints["refused"] = r.hintsRefused;
+    root["hints"] = hints;
+    Json::Value vsync(Json::objectValue);
+    vsync["count"] = Json::Int64(r.vsyncs);
+    vsync["missed"] = Json::Int64(r.vsyncsMissed);
+    vsync["late_p99_ms"] = number(r.vsyncLateP99Ms);
+    root["vsync"] = vsync;
+    root["log_errors"] = r.logErrors;
+    root["log_warnings"] = r.logWarnings;
+    root["log_error_lines"] = strings(r.errorLines);
+    root["log_warning_lines"] = strings(r.warningLines);
+    if (r.trace) {
+        Json::Value trace(Json::objectValue);
+        trace["file"] = r.trace->path;
+        trace["events"] = static_cast<Json::UInt64>(r.trace->events);
+        trace["simulator_slices"] = static_cast<Json::UInt64>(r.trace->simulatorSlices);
+        trace["library_slices"] = static_cast<Json::UInt64>(r.trace->librarySlices);
+        trace["balanced"] = r.trace->balanced;
+        trace["problems"] = strings(r.trace->problems);
+        root["trace"] = trace;
+    } else {
+        root["trace"] = Json::Value();
+    }
+    root["failures"] = strings(r.failures);
+    return root;
+}
+
+namespace {
+
+using Check = std::function<bool(const Json::Value&)>;
+
+const Check kInt = [](const Json::Value& v) { return v.isIntegral() && !v.isBool(); };
+const Check kNumber = [](const Json::Value& v) { return v.isNumeric() && !v.isBool(); };
+const Check kNumberOrNull = [](const Json::Value& v) { return v.isNull() || (v.isNumeric() && !v.isBool()); };
+const Check kBool = [](const Json::Value& v) { return v.isBool(); };
+const Check kString = [](const Json::Value& v) { return v.isString(); };
+const Check kObject = [](const Json::Value& v) { return v.isObject(); };
+const Check kArray = [](const Json::Value& v) { return v.isArray(); };
+
+void expect(const Json::Value& parent, const std::string& path, const char* key, const Check& check,
+            const char* what, std::vector<std::string>* problems) {
+    if (!parent.isObject() || !parent.isMember(key)) {
+        problems->push_back(path + key + ": missing");
+    } else if (!check(parent[key])) {
+        problems->push_back(path + key + ": must be " + what);
+    }
+}
+
+} // namespace
+
+std::vector<std::string> checkSummary(const Json::Value& s) {
+    std::vector<std::string> problems;
+    if (!s.isObject()) return {"(top level): must be an object"};
+    expect(s, "", "schema", [](const Json::Value& v) { return v.isString() && v.asString() == kSummarySchema; },
+           kSummarySchema, &problems);
+    expect(s, "", "duration_s", kNumber, "a number", &problems);
+    expect(s, "", "library_enabled", kBool, "a boolean", &problems);
+    expect(s, "", "layers", kArray, "an array", &problems);
+    expect(s, "", "perf_events", kObject, "an object", &problems);
+    expect(s, "", "scene_reports", kArray, "an array", &problems);
+    expect(s, "", "low_latency_pids", kArray, "an array", &problems);
+    expect(s, "", "log_errors", kInt, "an integer", &problems);
+    if (s["perf_events"].isObject()) {
+        for (const std::string& id : s["perf_events"].getMemberNames()) {
+            const bool numeric = !id.empty() && id.find_first_not_of("0123456789") == std::string::npos;
+            if (!numeric || !kInt(s["perf_events"][id])) {
+                problems.push_back("perf_events." + id + ": must be an event id with a count");
+            }
+        }
+    }
+    if (s["scene_reports"].isArray()) {
+        for (Json::ArrayIndex i = 0; i < s["scene_reports"].size(); ++i) {
+            if (!s["scene_reports"][i].isString()) {
+                problems.push_back("scene_reports[" + std::to_string(i) + "]: must be a string");
+            }
+        }
+    }
+    if (s["low_latency_pids"].isArray()) {
+        for (Json::ArrayIndex i = 0; i < s["low_latency_pids"].size(); ++i) {
+            if (!kInt(s["low_latency_pids"][i])) {
+                problems.push_back("low_latency_pids[" + std::to_string(i) + "]: must be an integer");
+            }
+        }
+    }
+    if (!s["layers"].isArray()) return problems;
+    for (Json::ArrayIndex i = 0; i < s["layers"].size(); ++i) {
+        const Json::Value& l = s["layers"][i];
+        const std::string p = "layers[" + std::to_string(i) + "].";
+        if (!l.isObject()) {
+            problems.push_back(p + ": must be an object");
+            continue;
+        }
+        expect(l, p, "name", kString, "a string", &problems);
+        expect(l, p, "package", kString, "a string", &problems);
+        expect(l, p, "promoted", kBool, "a boolean", &problems);
+        expect(l, p, "fps_mode", kInt, "an integer", &problems);
+        expect(l, p, "frames_queued", kInt, "an integer", &problems);
+        expect(l, p, "frames_presented", kInt, "an integer", &problems);
+        expect(l, p, "janks", kInt, "an integer", &problems);
+        expect(l, p, "holds", kObject, "an object", &problems);
+        expect(l["holds"], p + "holds.", "count", kInt, "an integer", &problems);
+        expect(l["holds"], p + "holds.", "p50_ms", kNumberOrNull, "a number or null", &problems);
+        expect(l["holds"], p + "holds.", "p99_ms", kNumberOrNull, "a number or null", &problems);
+        expect(l, p, "boosts", kObject, "an object", &problems);
+        for (const char* level : {"level1", "level2", "level3", "withdrawn"}) {
+            expect(l["boosts"], p + "boosts.", level, kInt, "an integer", &problems);
+        }
+        expect(l, p, "input_to_present_ms", kObject, "an object", &problems);
+        expect(l["input_to_present_ms"], p + "input_to_present_ms.", "p50", kNumberOrNull,
+               "a number or null", &problems);
+        expect(l["input_to_present_ms"], p + "input_to_present_ms.", "p95", kNumberOrNull,
+               "a number or null", &problems);
+        expect(l, p, "target_fps_active", kBool, "a boolean", &problems);
+        expect(l, p, "quick_touch", kBool, "a boolean", &problems);
+    }
+    return problems;
+}
+
+namespace {
+
+std::string fmt(const char* format, double v) {
+    char text[64];
+    snprintf(text, sizeof(text), format, v);
+    return text;
+}
+
+std::string ms(const Json::Value& v) {
+    return v.isNumeric() ? fmt("%.1f", v.asDouble()) : "-";
+}
+
+std::string modeHistory(const Json::Value& modes) {
+    std::string text;
+    for (const Json::Value& m : modes) {
+        if (!text.empty()) text += " -> ";
+        text += std::to_string(m["mode"].asInt()) + " @" + fmt("%.1fs", m["t_s"].asDouble());
+    }
+    return text.empty() ? "none reported" : text;
+}
+
+std::string pad(const std::string& text, size_t width) {
+    return text.size() >= width ? text + " " : text + std::string(width - text.size(), ' ');
+}
+
+} // namespace
+
+void printReport(const Json::Value& s, std::ostream& out) {
+    const Json::Value& d = s["display"];
+    out << "pelyx-sim: scenario \"" << s["scenario"].asString() << "\", "
+        << fmt("%.1f", s["duration_s"].asDouble()) << " s at " << fmt("%g", d["refresh_hz"].asDouble())
+        << " Hz (" << d["width"].asInt() << "x" << d["height"].asInt() << "), library "
+        << (s["library_enabled"].asBool() ? "enabled" : "disabled") << "\n\n";
+
+    out << pad("layer", 10) << pad("promoted", 9) << pad("mode", 5) << pad("queued", 7)
+        << pad("shown", 7) << pad("fps", 6) << pad("janks", 6) << pad("holds n/p50/p99 ms", 20)
+        << pad("boosts L1/L2/L3/wd", 19) << pad("touch->present p50/p95 ms", 26)
+        << pad("target", 8) << "QT\n";
+    for (const Json::Value& l : s["layers"]) {
+        const Json::Value& h = l["holds"];
+        const Json::Value& b = l["boosts"];
+        const Json::Value& lat = l["input_to_present_ms"];
+        std::string boosts = std::to_string(b["level1"].asInt()) + "/" + std::to_string(b["level2"].asInt()) +
+                "/" + std::to_string(b["level3"].asInt()) + "/" + std::to_string(b["withdrawn"].asInt());
+        if (!b["attributed"].asBool()) boosts = "(run)";
+        std::string target = "-";
+        if (l["target_fps"].isNumeric()) {
+            target = fmt("%g", l["target_fps"].asDouble()) + (l["target_fps_active"].asBool() ? " on" : " off");
+        }
+        out << pad(l["label"].asString(), 10) << pad(l["promoted"].asBool() ? "yes" : "no", 9)
+            << pad(std::to_string(l["fps_mode"].asInt()), 5)
+            << pad(std::to_string(l["frames_queued"].asInt64()), 7)
+            << pad(std::to_string(l["frames_presented"].asInt64()), 7)
+            << pad(ms(l["presented_fps"]), 6) << pad(std::to_string(l["janks"].asInt()), 6)
+            << pad(std::to_string(h["count"].asInt()) + "/" + ms(h["p50_ms"]) + "/" + ms(h["p99_ms"]), 20)
+            << pad(boosts, 19) << pad(ms(lat["p50"]) + "/" + ms(lat["p95"]) + " (" +
+                                              std::to_string(lat["frames"].asInt()) + ")",
+                                      26)
+            << pad(target, 8) << (l["quick_touch"].asBool() ? "yes" : "no") << "\n";
+    }
+    out << "\n";
+    for (const Json::Value& l : s["layers"]) {
+        out << l["label"].asString() << " (" << l["package"].asString() << ", layer " << l["id"].asInt()
+            << "): fps modes " << modeHistory(l["fps_modes"]);
+        const Json::Value& t = l["smart_touch"];
+        if (t["instant_buffers"].asInt() || t["moves_consumed_now"].asInt() || t["moves_held"].asInt()) {
+            out << "; smart touch: " << t["instant_buffers"].asInt() << " instant buffers, "
+                << t["moves_consumed_now"].asInt() << " moves consumed now, " << t["moves_held"].asInt()
+                << " held";
+        }
+        const Json::Value& g = l["gpu"];
+        if (g["late_fences"].asInt()) {
+            out << "; late GPU fences " << g["late_fences"].asInt() << ", deadline requests "
+                << g["deadline_requests"].asInt();
+        }
+        if (l["boosts"]["service"].asInt()) out << "; boost events " << l["boosts"]["service"].asInt();
+        if (l["replay"].isObject()) {
+            const Json::Value& r = l["replay"];
+            out << "; replayed " << r["replayed"].asUInt64() << "/" << r["frames"].asUInt64()
+                << " frames of " << r["file"].asString() << " (median " << ms(r["median_ms"])
+                << " ms); mode held longest " << r["longest_fps_mode"].asInt() << ", expected "
+                << r["expected_fps_mode"].asInt();
+        }
+        out << "\n";
+    }
+    const Json::Value& b = s["boosts"];
+    out << "\nboost device: " << b["records"].asUInt64() << " records, L1 " << b["level1"].asInt()
+        << ", L2 " << b["level2"].asInt() << ", L3 " << b["level3"].asInt() << ", withdrawn "
+        << b["withdrawn"].asInt() << "\n";
+    out << "perf events:";
+    if (s["perf_events"].empty()) out << " none";
+    for (const std::string& id : s["perf_events"].getMemberNames()) {
+        out << " " << id << "x" << s["perf_events"][id].asInt();
+    }
+    out << "\nscene reports: " << s["scene_reports"].size();
+    if (!s["scene_reports"].empty()) {
+        out << ", last " << s["scene_reports"][s["scene_reports"].size() - 1].asString();
+    }
+    out << "\nlow latency pids:";
+    if (s["low_latency_pids"].empty()) out << " none";
+    for (const Json::Value& pid : s["low_latency_pids"]) out << " " << pid.asInt();
+    out << "\ntarget fps active: " << (s["target_fps_active"].asBool() ? "yes" : "no")
+        << "; touch boosts " << s["touch_boosts"].asInt() << "; hints delivered "
+        << s["hints"]["delivered"].asInt() << ", refused " << s["hints"]["refused"].asInt() << "\n";
+    const Json::Value& v = s["vsync"];
+    out << "vsync: " << v["count"].asInt64() << " ticks, " << v["missed"].asInt64()
+        << " missed, wake-up lateness p99 " << ms(v["late_p99_ms"]) << " ms\n";
+    out << "log: " << s["log_errors"].asInt() << " errors, " << s["log_warnings"].asInt()
+        << " warnings\n";
+    for (const Json::Value& line : s["log_error_lines"]) out << "  E " << line.asString() << "\n";
+    for (const Json::Value& line : s["log_warning_lines"]) out << "  W " << line.asString() << "\n";
+    if (s["trace"].isObject()) {
+        const Json::Value& t = s["trace"];
+        out << "trace: " << t["file"].asString() << ", " << t["events"].asUInt64() << " events ("
+            << t["simulator_slices"].asUInt64() << " simulator slices, " << t["library_slices"].asUInt64()
+            << " library slices), " << (t["balanced"].asBool() ? "balanced" : "NOT balanced") << "\n";
+        for (const Json::Value& p : t["problems"]) out << "  " << p.asString() << "\n";
+    }
+    for (const Json::Value& f : s["failures"]) out << "FAILURE: " << f.asString() << "\n";
+}
+
+namespace {
+
+const Json::Value& layerByLabel(const Json::Value& s, const std::string& label) {
+    static const Json::Value kNone;
+    for (const Json::Value& l : s["layers"]) {
+        if (l["label"].asString() == label) return l;
+    }
+    return kNone;
+}
+
+void row(std::ostream& out, const std::string& name, const std::string& a, const std::string& b,
+         const std::string& change) {
+    out << "  " << pad(name, 26) << pad(a, 14) << pad(b, 14) << change << "\n";
+}
+
+std::string delta(const Json::Value& a, const Json::Value& b, const char* unit) {
+    if (!a.isNumeric() || !b.isNumeric()) return "";
+    const double d = b.asDouble() - a.asDouble();
+    std::string text = fmt("%+.1f", d) + unit;
+    if (a.asDouble() != 0) text += " (" + fmt("%+.0f", 100.0 * d / a.asDouble()) + "%)";
+    return text;
+}
+
+std::string count(const Json::Value& v) {
+    return v.isNumeric() ? std::to_string(v.asInt64()) : "-";
+}
+
+} // namespace
+
+void printComparison(const Json::Value& off, const Json::Value& on, std::ostream& out) {
+    out << "pelyx-sim --compare: scenario \"" << on["scenario"].asString() << "\", "
+        << fmt("%.1f", on["duration_s"].asDouble()) << " s per run\n\n";
+    out << "  " << pad("", 26) << pad("disabled", 14) << pad("enabled", 14) << "change\n";
+    for (const Json::Value& b : on["layers"]) {
+        const std::string label = b["label"].asString();
+        const Json::Value& a = layerByLabel(off, label);
+        out << label << " (" << b["package"].asString() << ")\n";
+        const Json::Value& la = a["input_to_present_ms"];
+        const Json::Value& lb = b["input_to_present_ms"];
+        row(out, "touch->present p50 ms", ms(la["p50"]), ms(lb["p50"]), delta(la["p50"], lb["p50"], " ms"));
+        row(out, "touch->present p95 ms", ms(la["p95"]), ms(lb["p95"]), delta(la["p95"], lb["p95"], " ms"));
+        row(out, "frames with touch", count(la["frames"]), count(lb["frames"]), "");
+        row(out, "frames queued", count(a["frames_queued"]), count(b["frames_queued"]),
+            delta(a["frames_queued"], b["frames_queued"], ""));
+        row(out, "frames presented", count(a["frames_presented"]), count(b["frames_presented"]),
+            delta(a["frames_presented"], b["frames_presented"], ""));
+        row(out, "janks", count(a["janks"]), count(b["janks"]), delta(a["janks"], b["janks"], ""));
+        row(out, "holds", count(a["holds"]["count"]), count(b["holds"]["count"]), "");
+        row(out, "hold p50 / p99 ms", ms(a["holds"]["p50_ms"]) + " / " + ms(a["holds"]["p99_ms"]),
+            ms(b["holds"]["p50_ms"]) + " / " + ms(b["holds"]["p99_ms"]), "");
+        auto boosts = [](const Json::Value& l) {
+            const Json::Value& x = l["boosts"];
+            return count(x["level1"]) + "/" + count(x["level2"]) + "/" + count(x["level3"]) + "/" +
+                    count(x["withdrawn"]);
+        };
+        row(out, "boosts L1/L2/L3/withdrawn", boosts(a), boosts(b), "");
+        row(out, "fps mode (last)", count(a["fps_mode"]), count(b["fps_mode"]), "");
+    }
+    out << "run\n";
+    row(out, "scene reports", std::to_string(off["scene_reports"].size()),
+        std::to_string(on["scene_reports"].size()), "");
+    row(out, "boost records", count(off["boosts"]["records"]), count(on["boosts"]["records"]), "");
+    row(out, "log errors", count(off["log_errors"]), count(on["log_errors"]), "");
+}
+
+} // namespace pelyx_sim
