@@ -18,6 +18,7 @@
 #include "LogSink.h"
 #include "ServiceLog.h"
 #include "Timeline.h"
+#include "ThreadCpu.h"
 #include "TraceCheck.h"
 #include "pelyx/pelyx.h"
 #include "platform/Clock.h"
@@ -332,6 +333,7 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     sleepNs(kSettleNs);
 
     result.durationS = static_cast<double>(runEnd - runStart) / 1e9;
+    result.libraryThreadCpuMs = threadCpuMs({"BP", "PHR", "BLT"});
     service.consume(perfd_stub::calls(), result.durationS);
     result.targetFpsActive = pelyxIsTargetFpsActive();
     if (!settings.tracePath.empty()) {

@@ -151,6 +151,14 @@ Json::Value toJson(const RunResult& r) {
     vsync["missed"] = Json::Int64(r.vsyncsMissed);
     vsync["late_p99_ms"] = number(r.vsyncLateP99Ms);
     root["vsync"] = vsync;
+    Json::Value cpu(Json::objectValue);
+    double cpuTotalMs = 0;
+    for (const auto& [thread, ms] : r.libraryThreadCpuMs) {
+        cpu[thread] = number(ms);
+        cpuTotalMs += ms;
+    }
+    cpu["ms_per_s"] = number(r.durationS > 0 ? cpuTotalMs / r.durationS : 0);
+    root["library_cpu_ms"] = cpu;
     root["log_errors"] = r.logErrors;
     root["log_warnings"] = r.logWarnings;
     root["log_error_lines"] = strings(r.errorLines);
@@ -369,6 +377,14 @@ void printReport(const Json::Value& s, std::ostream& out) {
     const Json::Value& v = s["vsync"];
     out << "vsync: " << v["count"].asInt64() << " ticks, " << v["missed"].asInt64()
         << " missed, wake-up lateness p99 " << ms(v["late_p99_ms"]) << " ms\n";
+    if (s.isMember("library_cpu_ms")) {
+        const Json::Value& cpu = s["library_cpu_ms"];
+        out << "library threads CPU:";
+        for (const std::string& thread : cpu.getMemberNames()) {
+            if (thread != "ms_per_s") out << " " << thread << " " << ms(cpu[thread]) << " ms";
+        }
+        out << " (" << ms(cpu["ms_per_s"]) << " ms per simulated second)\n";
+    }
     out << "log: " << s["log_errors"].asInt() << " errors, " << s["log_warnings"].asInt()
         << " warnings\n";
     for (const Json::Value& line : s["log_error_lines"]) out << "  E " << line.asString() << "\n";

@@ -91,6 +91,8 @@ struct RunResult {
     int64_t vsyncs = 0;
     int64_t vsyncsMissed = 0;  // ticks the vsync thread woke too late for
     double vsyncLateP99Ms = 0;
+    // CPU time of the library's own threads over the run (BP, PHR, BLT): what it costs a phone.
+    std::map<std::string, double> libraryThreadCpuMs;
     int logErrors = 0;
     int logWarnings = 0;
     std::vector<std::string> errorLines;
