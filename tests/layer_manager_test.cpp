@@ -10,9 +10,6 @@ using namespace android;
 using namespace pelyx_test;
 
 namespace {
-constexpr const char* kTag = "Pelyx.LayerManager";
-constexpr int64_t kMs = 1'000'000;
-constexpr int64_t k60Hz = 16'666'666;
 using Registry = RegistryTest;
 } // namespace
 

@@ -19,6 +19,10 @@
 
 namespace pelyx_test {
 
+constexpr const char* kTag = "Pelyx.LayerManager";
+constexpr int64_t kMs = 1'000'000;
+constexpr int64_t k60Hz = 16'666'666;
+
 // One app drawing into one layer at a fixed rate; every frame is latched right away.
 struct Producer {
     int32_t id;
@@ -45,7 +49,7 @@ protected:
         perfd_stub::setProp("vendor.perf.pelyx.debug", "1");
         lm = android::LayerManager::getInstance();
         lm->init(false, 1080, 2400);
-        lm->setVsyncPeriod(16'666'666);
+        lm->setVsyncPeriod(k60Hz);
     }
 
     void queue(Producer& p) {
