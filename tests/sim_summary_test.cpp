@@ -1,12 +1,6 @@
-// What the simulator measures and how it reports it: statistics, janks, boost records, the
-// service's call record, the fake devices, the log sink, the trace check, the buffer queue and
-// the JSON summary with its schema.
-
 #include <gtest/gtest.h>
 #include <android/log.h>
 #include <fcntl.h>
-#include <sys/ioctl.h>
-#include <termios.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -40,29 +34,15 @@ TEST(SimStats, PercentilesInterpolate) {
 }
 
 TEST(SimStats, RateClassesAreTheDisplayModes) {
-    EXPECT_EQ(rateClass(0), -1);
-    EXPECT_EQ(rateClass(-5), -1);
-    EXPECT_EQ(rateClass(std::nan("")), -1);
-    EXPECT_EQ(rateClass(12.4), 12);
-    EXPECT_EQ(rateClass(18), 18);
-    EXPECT_EQ(rateClass(18.1), 30);
-    EXPECT_EQ(rateClass(33), 30);
-    EXPECT_EQ(rateClass(45.5), 45);
-    EXPECT_EQ(rateClass(59.9), 60);
-    EXPECT_EQ(rateClass(79.7), 90);
-    EXPECT_EQ(rateClass(98.6), 120);
-    EXPECT_EQ(rateClass(200), 185);
-    EXPECT_EQ(rateClass(240), 240);
-    EXPECT_EQ(rateClass(286), -1);
+    const std::vector<std::pair<double, int>> cases = {{0, -1}, {-5, -1}, {std::nan(""), -1}, {12.4, 12},
+            {18, 18}, {18.1, 30}, {33, 30}, {45.5, 45}, {59.9, 60}, {79.7, 90}, {98.6, 120}, {200, 185},
+            {240, 240}, {286, -1}};
+    for (const auto& [rate, mode] : cases) EXPECT_EQ(rateClass(rate), mode) << rate;
 }
 
 TEST(SimStats, FramesMayStayLongerAtLowerCadences) {
-    EXPECT_EQ(allowedVsyncs(60, 60), 1);
-    EXPECT_EQ(allowedVsyncs(60, 0), 1);
-    EXPECT_EQ(allowedVsyncs(60, 90), 1);
-    EXPECT_EQ(allowedVsyncs(60, 59), 1);
+    for (int mode : {60, 0, 90, 59}) EXPECT_EQ(allowedVsyncs(60, mode), 1) << mode;
     EXPECT_EQ(allowedVsyncs(60, 45), 2);
-    EXPECT_EQ(allowedVsyncs(60, 30), 2);
     EXPECT_EQ(allowedVsyncs(120, 30), 4);
     EXPECT_EQ(allowedVsyncs(60, 20), 3);
 }
@@ -88,12 +68,8 @@ BoostRecord level(int32_t l) {
 TEST(SimStats, BoostsAreWithdrawnOnlyAfterABoost) {
     const BoostCounts c = tallyBoosts({level(0), level(1), level(2), level(3), level(0), level(0),
                                        level(1), level(0), level(5), level(2)});
-    EXPECT_EQ(c.level1, 2);
-    EXPECT_EQ(c.level2, 2);
-    EXPECT_EQ(c.level3, 1);
-    EXPECT_EQ(c.withdrawn, 2);
-    EXPECT_EQ(c.other, 1);
-    EXPECT_EQ(c.total(), 5);
+    EXPECT_EQ(std::vector<int>({c.level1, c.level2, c.level3, c.withdrawn, c.other, c.total()}),
+              std::vector<int>({2, 2, 1, 2, 1, 5}));
 }
 
 TEST(SimStats, LongestModeWeighsTime) {
@@ -106,11 +82,7 @@ TEST(SimStats, LongestModeWeighsTime) {
 perfd_stub::Call call(const std::string& fn, const std::string& pkg, std::vector<int> ints,
                       std::vector<int> args = {}) {
     perfd_stub::Call c;
-    c.fn = fn;
-    c.pkg = pkg;
-    c.hasPkg = true;
-    c.ints = std::move(ints);
-    c.args = std::move(args);
+    c.fn = fn, c.pkg = pkg, c.hasPkg = true, c.ints = std::move(ints), c.args = std::move(args);
     return c;
 }
 
@@ -124,36 +96,26 @@ TEST(SimServiceLog, ReadsEventsReportsAndLocks) {
     calls[3].hasPkg = false;
     ServiceLog log;
     log.consume(calls, 1.0);
-    EXPECT_TRUE(log.tracked("com.game"));
-    EXPECT_FALSE(log.tracked("vendor.perf.phr.enable"));
+    EXPECT_TRUE(log.tracked("com.game") && !log.tracked("vendor.perf.phr.enable"));
     ASSERT_EQ(log.sceneReports().size(), 1u);
     EXPECT_EQ(log.sceneReports()[0].atS, 1.0);
-    EXPECT_EQ(log.lowLatencyPids(), std::vector<int>{4100});
     ASSERT_EQ(log.modes("com.game").size(), 1u);
     EXPECT_EQ(log.modes("com.game")[0].mode, -1);
 
     // The record only grows: what was read is not counted again.
-    calls.push_back(call("perf_event", "com.game", {4196, 2}, {0, 60}));
-    calls.push_back(call("perf_event", "null", {4196, 2}, {0, -1}));
-    calls.push_back(call("perf_event", "{\"apps\":[{\"M\":60,\"pkg\":\"com.game\"},{\"M\":30,\"pkg\":\"com.chat\"}]}",
-                         {4194, 2}, {101, 2}));
-    calls.push_back(call("perf_event", "com.game", {4186, 2}, {5, 0}));
-    calls.push_back(call("perf_event", "not json", {4194, 2}, {101, 1}));
-    calls.push_back(call("perf_lock_acq", "", {0, 0, 2}, {0x40CD0000, 4100}));
-    calls.push_back(call("perf_lock_acq", "", {0, 0, 2}, {0x40CD0000, 4200}));
+    calls.insert(calls.end(), {call("perf_event", "com.game", {4196, 2}, {0, 60}), call("perf_event", "null", {4196, 2}, {0, -1}),
+            call("perf_event", "{\"apps\":[{\"M\":60,\"pkg\":\"com.game\"},{\"M\":30,\"pkg\":\"com.chat\"}]}", {4194, 2}, {101, 2}),
+            call("perf_event", "com.game", {4186, 2}, {5, 0}), call("perf_event", "not json", {4194, 2}, {101, 1}),
+            call("perf_lock_acq", "", {0, 0, 2}, {0x40CD0000, 4100}), call("perf_lock_acq", "", {0, 0, 2}, {0x40CD0000, 4200})});
     log.consume(calls, 3.0);
-    EXPECT_EQ(log.perfEvents().at(4194), 3);
-    EXPECT_EQ(log.perfEvents().at(4196), 2);
-    EXPECT_EQ(log.perfEvents().at(4186), 1);
+    EXPECT_EQ(log.perfEvents(), (std::map<int, int>{{4186, 1}, {4194, 3}, {4196, 2}}));
     EXPECT_EQ(log.sceneReports().size(), 3u);
     EXPECT_EQ(log.sceneReports()[2].json, "not json");
     const std::vector<ModeChange> game = log.modes("com.game");
     ASSERT_EQ(game.size(), 2u) << "a mode reported twice is one change";
-    EXPECT_EQ(game[1].mode, 60);
-    EXPECT_EQ(game[1].atS, 3.0);
+    EXPECT_TRUE(game[1].mode == 60 && game[1].atS == 3.0);
     EXPECT_EQ(log.modes("com.chat").back().mode, 30);
-    EXPECT_TRUE(log.tracked("com.chat"));
-    EXPECT_FALSE(log.tracked("null"));
+    EXPECT_TRUE(log.tracked("com.chat") && !log.tracked("null"));
     EXPECT_EQ(log.serviceBoosts("com.game").at(5), 1);
     EXPECT_EQ(log.lowLatencyPids(), (std::vector<int>{4100, 4200}));
 }
@@ -175,64 +137,40 @@ TEST_F(SimFakeDevices, BoostDeviceKeepsEveryRecord) {
     EXPECT_EQ(table().ioctl(fd, 0x1234, boost), -1);
     const std::vector<BoostRecord> records = FakeDevices::instance().boostRecords();
     ASSERT_EQ(records.size(), 2u);
-    EXPECT_EQ(records[0].level, 2);
-    EXPECT_EQ(records[0].headroom, 8'000'000);
-    EXPECT_EQ(records[0].frequency, 500);
-    EXPECT_EQ(records[1].level, 0);
-    EXPECT_LE(records[0].timeNs, records[1].timeNs);
-    EXPECT_EQ(FakeDevices::instance().boostOpens(), 1);
+    EXPECT_EQ(std::vector<int64_t>({records[0].level, records[0].headroom, records[0].frequency, records[1].level}),
+              std::vector<int64_t>({2, 8'000'000, 500, 0}));
     EXPECT_EQ(table().close(fd), 0);
 }
 
 TEST_F(SimFakeDevices, FencesAnswerAndHurry) {
     FakeDevices& devices = FakeDevices::instance();
     const int64_t now = android::platform::now();
-    const int late = devices.createFence(3, now + 1'000'000'000);
-    const int done = devices.createFence(4, now - 1);
+    const int late = devices.createFence(3, now + 1'000'000'000), done = devices.createFence(4, now - 1);
     ASSERT_GE(late, FakeDevices::kFirstFenceFd);
-    EXPECT_NE(late, done);
-
     unsigned char info[56] = {};
-    ASSERT_EQ(table().ioctl(late, FakeDevices::kSyncFileInfo, info), 0);
-    EXPECT_STREQ(reinterpret_cast<const char*>(info), "mavu-timeline");
     int32_t status;
-    memcpy(&status, info + 32, sizeof(status));
-    EXPECT_EQ(status, 0) << "still running";
-    ASSERT_EQ(table().ioctl(done, FakeDevices::kSyncFileInfo, info), 0);
-    memcpy(&status, info + 32, sizeof(status));
-    EXPECT_EQ(status, 1) << "signalled";
-    EXPECT_EQ(devices.fenceQueries(), 2);
+    auto statusOf = [&](int fd) {
+        EXPECT_EQ(table().ioctl(fd, FakeDevices::kSyncFileInfo, info), 0);
+        memcpy(&status, info + 32, sizeof(status));
+        return status;
+    };
+    EXPECT_EQ(statusOf(late), 0) << "still running";
+    EXPECT_STREQ(reinterpret_cast<const char*>(info), "mavu-timeline");
+    EXPECT_EQ(statusOf(done), 1) << "signalled";
 
     // A deadline request halves what is left of the GPU's work.
     unsigned char deadline[16] = {};
     EXPECT_EQ(table().ioctl(late, FakeDevices::kSyncSetDeadline, deadline), 0);
-    const int64_t hurried = devices.signalTime(late);
-    EXPECT_LT(hurried, now + 600'000'000);
-    EXPECT_GT(hurried, now + 400'000'000);
+    EXPECT_NEAR(devices.signalTime(late), now + 500'000'000, 100'000'000);
     EXPECT_EQ(table().ioctl(done, FakeDevices::kSyncSetDeadline, deadline), 0);
     EXPECT_EQ(devices.signalTime(done), now - 1) << "a signalled fence stays as it was";
-    EXPECT_EQ(devices.deadlineRequests(3), 1);
-    EXPECT_EQ(devices.deadlineRequests(4), 1);
-    EXPECT_EQ(devices.deadlineRequests(5), 0);
+    EXPECT_EQ(std::vector<int>({devices.deadlineRequests(3), devices.deadlineRequests(4), devices.deadlineRequests(5)}),
+              std::vector<int>({1, 1, 0}));
 
     devices.releaseFence(late);
-    EXPECT_EQ(devices.signalTime(late), -1);
     errno = 0;
     EXPECT_EQ(table().ioctl(late, FakeDevices::kSyncFileInfo, info), -1);
     EXPECT_EQ(errno, EBADF);
-}
-
-TEST_F(SimFakeDevices, OtherDescriptorsReachTheKernel) {
-    const int fd = table().open("/dev/null", O_RDONLY);
-    ASSERT_GE(fd, 0);
-    ASSERT_LT(fd, FakeDevices::kBoostFd);
-    termios tty{};
-    errno = 0;
-    // /dev/null is no terminal: the kernel's refusal comes back.
-    EXPECT_EQ(table().ioctl(fd, TCGETS, &tty), -1);
-    EXPECT_EQ(errno, ENOTTY);
-    EXPECT_EQ(table().close(fd), 0);
-    EXPECT_EQ(table().open("/nonexistent/device", O_RDONLY), -1);
 }
 
 TEST(SimLogSink, CountsByPriorityAndKeepsTheFirstLines) {
@@ -240,137 +178,90 @@ TEST(SimLogSink, CountsByPriorityAndKeepsTheFirstLines) {
     for (int i = 0; i < 25; ++i) sink.write(ANDROID_LOG_ERROR, "Tag", ("error " + std::to_string(i)).c_str());
     sink.write(ANDROID_LOG_WARN, "Tag", "careful");
     sink.write(ANDROID_LOG_DEBUG, nullptr, nullptr);
-    EXPECT_EQ(sink.errors(), 25);
-    EXPECT_EQ(sink.warnings(), 1);
-    EXPECT_EQ(sink.lines(), 27);
+    EXPECT_EQ(std::vector<int>({sink.errors(), sink.warnings(), sink.lines()}), std::vector<int>({25, 1, 27}));
     ASSERT_EQ(sink.errorLines().size(), LogSink::kKeptLines);
     EXPECT_EQ(sink.errorLines()[0], "Tag: error 0");
     EXPECT_EQ(sink.warningLines(), std::vector<std::string>{"Tag: careful"});
 }
 
 TEST(SimLogSink, CatchesTheProcessLog) {
-    char name[] = "/tmp/sim-log-XXXXXX";
-    const int fd = mkstemp(name);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    const std::string name = "/tmp/sim-log-" + std::to_string(getpid());
     LogSink& sink = LogSink::instance();
-    ASSERT_TRUE(sink.install(true, name));
+    ASSERT_TRUE(sink.install(true, name.c_str()));
     __android_log_print(ANDROID_LOG_ERROR, "Pelyx.Test", "broken %d", 7);
     __android_log_print(ANDROID_LOG_DEBUG, "Pelyx.Test", "detail");
     sink.uninstall();
-    EXPECT_EQ(sink.errors(), 1);
     EXPECT_EQ(sink.errorLines(), std::vector<std::string>{"Pelyx.Test: broken 7"});
-    std::ifstream in(name);
     std::stringstream text;
-    text << in.rdbuf();
-    EXPECT_NE(text.str().find("E Pelyx.Test: broken 7"), std::string::npos);
-    EXPECT_NE(text.str().find("D Pelyx.Test: detail"), std::string::npos);
-    unlink(name);
+    text << std::ifstream(name).rdbuf();
+    unlink(name.c_str());
+    EXPECT_NE(text.str().find("E Pelyx.Test: broken 7"), std::string::npos) << text.str();
+    EXPECT_NE(text.str().find("D Pelyx.Test: detail"), std::string::npos) << text.str();
 }
 
 class SimTrace : public ::testing::Test {
 protected:
-    void TearDown() override {
-        if (!mPath.empty()) unlink(mPath.c_str());
-    }
+    void TearDown() override { unlink(mPath.c_str()); }
     TraceResult check(const std::string& events) {
-        char name[] = "/tmp/sim-trace-XXXXXX";
-        const int fd = mkstemp(name);
-        EXPECT_GE(fd, 0);
-        close(fd);
-        mPath = name;
         std::ofstream(mPath) << "{\"traceEvents\":[" << events << "]}";
         return checkTrace(mPath);
     }
-    std::string mPath;
+    const std::string mPath = "/tmp/sim-trace-" + std::to_string(getpid()) + ".json";
 };
 
-TEST_F(SimTrace, PairedSlicesAreBalanced) {
+TEST_F(SimTrace, PairsSlicesAndFindsTheUnpaired) {
     const TraceResult r = check(
-            R"({"ph":"B","name":"vsync","pid":1,"tid":1,"ts":1},
-               {"ph":"B","name":"onVsync","pid":1,"tid":1,"ts":2},
-               {"ph":"B","name":"work game","pid":1,"tid":2,"ts":2},
-               {"ph":"E","name":"","pid":1,"tid":1,"ts":3},
-               {"ph":"E","name":"","pid":1,"tid":2,"ts":3},
-               {"ph":"E","name":"","pid":1,"tid":1,"ts":4},
+            R"({"ph":"B","name":"vsync","pid":1,"tid":1,"ts":1}, {"ph":"B","name":"onVsync","pid":1,"tid":1,"ts":2},
+               {"ph":"B","name":"work game","pid":1,"tid":2,"ts":2}, {"ph":"E","name":"","pid":1,"tid":1,"ts":3},
+               {"ph":"E","name":"","pid":1,"tid":2,"ts":3}, {"ph":"E","name":"","pid":1,"tid":1,"ts":4},
                {"ph":"b","name":"track","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":4},
                {"ph":"e","name":"track","cat":"pelyx","id":5,"pid":1,"tid":4,"ts":5},
                {"ph":"C","name":"queued game","pid":1,"tid":1,"ts":5,"args":{"value":1}},
                {"ph":"M","name":"thread_name","pid":1,"tid":1,"ts":5,"args":{"name":"x"}})");
-    EXPECT_TRUE(r.balanced);
-    EXPECT_TRUE(r.problems.empty());
-    EXPECT_EQ(r.events, 10u);
-    EXPECT_EQ(r.simulatorSlices, 2u);
-    EXPECT_EQ(r.librarySlices, 2u);
-}
+    EXPECT_TRUE(r.balanced && r.problems.empty());
+    EXPECT_EQ(std::vector<size_t>({r.events, r.simulatorSlices, r.librarySlices}), std::vector<size_t>({10, 2, 2}));
 
-TEST_F(SimTrace, UnpairedSlicesAreFound) {
-    const TraceResult r = check(
-            R"({"ph":"E","name":"","pid":1,"tid":1,"ts":1},
-               {"ph":"B","name":"latch game","pid":1,"tid":2,"ts":2},
+    const TraceResult bad = check(
+            R"({"ph":"E","name":"","pid":1,"tid":1,"ts":1}, {"ph":"B","name":"latch game","pid":1,"tid":2,"ts":2},
                {"ph":"e","name":"track","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":3},
                {"ph":"b","name":"other","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":4})");
-    EXPECT_FALSE(r.balanced);
-    EXPECT_EQ(r.unmatchedEnds, 1u);
-    EXPECT_EQ(r.openSlices, 1u);
-    EXPECT_EQ(r.unmatchedAsyncEnds, 1u);
-    EXPECT_EQ(r.openAsync, 1u);
-    EXPECT_EQ(r.problems.size(), 4u);
-}
+    EXPECT_FALSE(bad.balanced);
+    EXPECT_EQ(std::vector<size_t>({bad.unmatchedEnds, bad.openSlices, bad.unmatchedAsyncEnds, bad.openAsync,
+                                   bad.problems.size()}), std::vector<size_t>({1, 1, 1, 1, 4}));
+    const TraceResult open = check(R"({"ph":"b","name":"track","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":4})");
+    EXPECT_TRUE(open.balanced) << "an async slice left open is only noted";
+    ASSERT_EQ(open.problems.size(), 1u);
+    EXPECT_EQ(open.problems[0].rfind("note:", 0), 0u);
 
-TEST_F(SimTrace, AnAsyncSliceLeftOpenIsOnlyNoted) {
-    const TraceResult r = check(R"({"ph":"b","name":"track","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":4})");
-    EXPECT_TRUE(r.balanced);
-    EXPECT_EQ(r.openAsync, 1u);
-    ASSERT_EQ(r.problems.size(), 1u);
-    EXPECT_EQ(r.problems[0].rfind("note:", 0), 0u);
-}
-
-TEST_F(SimTrace, BrokenFilesAreProblems) {
     EXPECT_FALSE(check(R"({"ph":"B")").balanced);
     EXPECT_FALSE(checkTrace("/nonexistent/trace.json").balanced);
     std::ofstream(mPath) << "{\"events\":[]}";
     EXPECT_EQ(checkTrace(mPath).problems, std::vector<std::string>{"no traceEvents array"});
 }
 
-TEST(SimBufferQueue, FramesGoOutInOrderAndFreeTheScreenBuffer) {
-    BufferQueue q(3);
-    for (uint64_t n = 1; n <= 3; ++n) {
+TEST(SimBufferQueue, FramesGoOutInOrderAndAFullQueueBlocksTheAppUntilALatch) {
+    BufferQueue q(2);
+    for (uint64_t n = 1; n <= 2; ++n) {
         ASSERT_TRUE(q.dequeue());
         Frame f;
-        f.number = n;
-        q.queue(f);
+        f.number = n, q.queue(f);
     }
-    EXPECT_EQ(q.freeBuffers(), 0);
-    EXPECT_EQ(q.queued(), 3);
-    EXPECT_EQ(q.oldest()->number, 1u);
+    EXPECT_TRUE(q.freeBuffers() == 0 && q.queued() == 2 && q.oldest()->number == 1u);
     Frame latched;
-    EXPECT_EQ(q.latch(&latched), 2);
+    EXPECT_EQ(q.latch(&latched), 1);
     EXPECT_EQ(latched.number, 1u);
     EXPECT_EQ(q.freeBuffers(), 0) << "the first frame on screen frees nothing";
-    EXPECT_EQ(q.latch(&latched), 1);
-    EXPECT_EQ(latched.number, 2u);
-    EXPECT_EQ(q.freeBuffers(), 1) << "the frame it replaced is free again";
-    q.cancel();
-    EXPECT_EQ(q.freeBuffers(), 2);
-}
-
-TEST(SimBufferQueue, AFullQueueBlocksTheAppUntilALatch) {
-    BufferQueue q(2);
-    for (int i = 0; i < 2; ++i) {
-        ASSERT_TRUE(q.dequeue());
-        q.queue(Frame{});
-    }
-    Frame latched;
-    q.latch(&latched);  // on screen; one frame still queued, nothing free
     std::atomic<bool> got{false};
     std::thread app([&] { got = q.dequeue(); });
-    q.latch(&latched);
+    EXPECT_EQ(q.latch(&latched), 0);
     app.join();
-    EXPECT_TRUE(got);
+    EXPECT_TRUE(got) << "the frame it replaced is free again";
+    EXPECT_EQ(latched.number, 2u);
+    q.cancel();
+    EXPECT_EQ(q.freeBuffers(), 1);
 
     std::atomic<bool> after{true};
-    std::thread blocked([&] { after = q.dequeue(); });
+    std::thread blocked([&] { after = q.dequeue() && q.dequeue(); });
     q.close();
     blocked.join();
     EXPECT_FALSE(after) << "closing wakes the app for good";
@@ -379,8 +270,7 @@ TEST(SimBufferQueue, AFullQueueBlocksTheAppUntilALatch) {
 TEST(SimStopSignal, WakesSleepers) {
     StopSignal stop;
     const int64_t now = android::platform::now();
-    EXPECT_FALSE(stop.waitUntil(now + 1'000'000));
-    EXPECT_FALSE(stop.stopped());
+    EXPECT_FALSE(stop.waitUntil(now + 1'000'000) || stop.stopped());
     std::thread sleeper([&] { EXPECT_TRUE(stop.waitUntil(now + 60'000'000'000LL)); });
     stop.stop();
     sleeper.join();
@@ -389,35 +279,19 @@ TEST(SimStopSignal, WakesSleepers) {
 
 RunResult sampleResult() {
     RunResult r;
-    r.scenario = "sample";
-    r.libraryEnabled = true;
-    r.durationS = 10;
-    r.width = 1080;
-    r.height = 2400;
-    r.refreshHz = 60;
-    LayerResult game;
-    game.label = "game";
+    r.scenario = "sample", r.libraryEnabled = true, r.durationS = 10, r.refreshHz = 60;
+    LayerResult game, chat;
+    game.label = "game", game.package = "com.game", game.id = 1, game.promoted = true;
     game.name = "SurfaceView[com.game/com.game.A](BLAST)#1";
-    game.package = "com.game";
-    game.id = 1;
-    game.promoted = true;
     game.fpsModes = {{0.6, -1}, {1.6, 60}, {8.7, 45}};
-    game.framesQueued = 520;
-    game.framesPresented = 519;
-    game.janks = 4;
+    game.framesQueued = 520, game.framesPresented = 519, game.janks = 4;
     game.holdsMs = {12, 13, 14};
     game.quickTouchHolds = 3;
-    game.boosts.level1 = 6;
-    game.boosts.level2 = 5;
-    game.boosts.level3 = 4;
-    game.boosts.withdrawn = 6;
+    game.boosts.level1 = 6, game.boosts.level2 = 5, game.boosts.level3 = 4, game.boosts.withdrawn = 6;
     game.boostsAttributed = true;
     game.inputToPresentMs = {50, 52, 54};
-    game.targetFps = 45;
-    game.targetFpsActive = true;
-    LayerResult chat;
-    chat.label = "chat";
-    chat.package = "com.chat";
+    game.targetFps = 45, game.targetFpsActive = true;
+    chat.label = "chat", chat.package = "com.chat";
     r.layers = {game, chat};
     r.perfEvents = {{4194, 4}, {4196, 3}};
     r.sceneReports = {{1.0, "{\"apps\":[]}"}};
@@ -432,7 +306,6 @@ TEST(SimSummary, CarriesTheFiguresOfTheRun) {
     const Json::Value& game = s["layers"][0];
     EXPECT_EQ(game["fps_mode"].asInt(), 45) << "the last mode";
     EXPECT_EQ(game["fps_modes"][1]["mode"].asInt(), 60);
-    EXPECT_EQ(game["holds"]["count"].asInt(), 3);
     EXPECT_EQ(game["holds"]["p50_ms"].asDouble(), 13);
     EXPECT_EQ(game["input_to_present_ms"]["p50"].asDouble(), 52);
     EXPECT_EQ(game["boosts"]["level3"].asInt(), 4);
@@ -440,13 +313,10 @@ TEST(SimSummary, CarriesTheFiguresOfTheRun) {
     LayerResult slowCall;
     slowCall.quickTouchHolds = 2;
     EXPECT_FALSE(slowCall.quickTouch()) << "a slow call or two is no headroom hold";
-    EXPECT_TRUE(game["target_fps_active"].asBool());
     EXPECT_EQ(game["target_fps"].asDouble(), 45);
     const Json::Value& chat = s["layers"][1];
-    EXPECT_TRUE(chat["holds"]["p50_ms"].isNull()) << "nothing measured is null, not 0";
-    EXPECT_TRUE(chat["input_to_present_ms"]["p95"].isNull());
+    EXPECT_TRUE(chat["holds"]["p50_ms"].isNull() && chat["target_fps"].isNull()) << "nothing measured is null, not 0";
     EXPECT_FALSE(chat["quick_touch"].asBool());
-    EXPECT_TRUE(chat["target_fps"].isNull());
     EXPECT_EQ(s["perf_events"]["4194"].asInt(), 4);
     EXPECT_EQ(s["scene_reports"][0].asString(), "{\"apps\":[]}");
     EXPECT_EQ(s["low_latency_pids"][0].asInt(), 4100);
@@ -454,13 +324,11 @@ TEST(SimSummary, CarriesTheFiguresOfTheRun) {
 
 TEST(SimSummary, SchemaCheckFindsEveryMissingOrMistypedField) {
     const Json::Value good = toJson(sampleResult());
-    const std::vector<std::vector<std::string>> required = {
-            {"duration_s"}, {"perf_events"}, {"scene_reports"}, {"low_latency_pids"}, {"log_errors"},
-            {"layers"}, {"schema"}};
-    for (const auto& path : required) {
+    for (const char* key : {"duration_s", "perf_events", "scene_reports", "low_latency_pids", "log_errors",
+                            "layers", "schema"}) {
         Json::Value s = good;
-        s.removeMember(path[0]);
-        EXPECT_FALSE(checkSummary(s).empty()) << path[0];
+        s.removeMember(key);
+        EXPECT_FALSE(checkSummary(s).empty()) << key;
     }
     for (const char* key : {"name", "package", "promoted", "fps_mode", "frames_queued", "frames_presented",
                             "janks", "holds", "boosts", "input_to_present_ms", "target_fps_active",
@@ -491,10 +359,8 @@ TEST(SimSummary, ReportAndComparisonShowTheFigures) {
     const Json::Value on = toJson(sampleResult());
     std::ostringstream report;
     printReport(on, report);
-    EXPECT_NE(report.str().find("library enabled"), std::string::npos);
-    EXPECT_NE(report.str().find("6/5/4/6"), std::string::npos);
-    EXPECT_NE(report.str().find("-1 @0.6s -> 60 @1.6s -> 45 @8.7s"), std::string::npos);
-    EXPECT_NE(report.str().find("low latency pids: 4100"), std::string::npos);
+    for (const char* part : {"library enabled", "6/5/4/6", "-1 @0.6s -> 60 @1.6s -> 45 @8.7s", "low latency pids: 4100"})
+        EXPECT_NE(report.str().find(part), std::string::npos) << part;
 
     RunResult offResult = sampleResult();
     offResult.libraryEnabled = false;
