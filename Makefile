@@ -60,7 +60,8 @@ fuzz: deps build/fuzz/build.ninja
 	done
 
 # Plants each fault of tests/mutations.txt in a scratch copy and runs the tests against it;
-# MUTATE_FILTER=text picks faults, MUTATE_WHICH=1 lists every test that kills each one.
+# MUTATE_FILTER=text picks faults; MUTATE_WHICH=1 lists every test that kills each one,
+# MUTATE_WHICH=named the same over the executables each fault names.
 MUTATE_FILTER ?=
 MUTATE_WHICH ?=
 mutate: deps
