@@ -276,8 +276,7 @@ def check_fault(fault, all_exes, jobs, which, which_named=False):
     mutated = original.replace(fault.find, fault.replace, 1)
     start = time.monotonic()
     try:
-        with open(target, "w", encoding="utf-8") as f:
-            f.write(mutated)
+        write_file(target, mutated)
         first = []
         for sel in fault.tests:
             exe, pattern = split_selector(sel)
@@ -314,8 +313,23 @@ def check_fault(fault, all_exes, jobs, which, which_named=False):
         detail = ", ".join(f"{exe} {case}" for exe, case in failed)
         return ("killed" if failed else "survived"), detail, time.monotonic() - start
     finally:
-        with open(target, "w", encoding="utf-8") as f:
-            f.write(original)
+        write_file(target, original)
+
+
+_SIGNALS = {signal.SIGINT, signal.SIGTERM, signal.SIGHUP}
+
+
+def write_file(path, text):
+    """Replaces the file whole, with the signals held off, so an interrupt never leaves it half
+    written (the next run re-syncs the scratch copy anyway)."""
+    signal.pthread_sigmask(signal.SIG_BLOCK, _SIGNALS)
+    try:
+        tmp = path + ".mutate-tmp"
+        with open(tmp, "w", encoding="utf-8") as f:
+            f.write(text)
+        os.replace(tmp, path)
+    finally:
+        signal.pthread_sigmask(signal.SIG_UNBLOCK, _SIGNALS)
 
 
 def _tail(text, lines=15):
