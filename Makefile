@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test run asan tsan bench fuzz soak clean
+.PHONY: all deps build test run asan tsan bench fuzz soak mutate clean
 
 all: build
 
@@ -58,6 +58,14 @@ fuzz: deps build/fuzz/build.ninja
 	    tail -n 60 build/fuzz/$$f.log; echo "== $$f FAILED (log: build/fuzz/$$f.log)"; exit 1; \
 	  fi; \
 	done
+
+# Plants each fault of tests/mutations.txt in a scratch copy and runs the tests against it;
+# MUTATE_FILTER=text picks faults; MUTATE_WHICH=1 lists every test that kills each one,
+# MUTATE_WHICH=named the same over the executables each fault names.
+MUTATE_FILTER ?=
+MUTATE_WHICH ?=
+mutate: deps
+	MUTATE_FILTER="$(MUTATE_FILTER)" MUTATE_WHICH="$(MUTATE_WHICH)" python3 scripts/mutate.py --jobs $(JOBS)
 
 clean:
 	rm -rf build

@@ -15,128 +15,115 @@ using pelyx_test::LogCapture;
 namespace {
 constexpr const char* kTag = "Pelyx.FeatureManager";
 
-// Waits (bounded) until the capture holds a line with this fragment.
-bool waitForLog(const LogCapture& logs, const std::string& tag, const std::string& fragment) {
-    for (int i = 0; i < 500; i++) {
-        if (logs.countContaining(tag, fragment) > 0) return true;
+struct Props {
+    std::vector<std::pair<const char*, const char*>> service; // answered by the service
+    std::vector<std::pair<const char*, const char*>> system;  // read from system properties
+};
+
+FeatureManager* construct(const Props& props) {
+    for (const auto& [name, value] : props.service) perfd_stub::setProp(name, value);
+    for (const auto& [name, value] : props.system) platform::setProperty(name, value);
+    return FeatureManager::getInstance();
+}
+
+// The watcher thread hands a change over through the log; bounded so a lost change fails.
+bool waitForLog(const LogCapture& logs, const std::string& fragment) {
+    for (int i = 0; i < 500 && logs.countContaining(kTag, fragment) == 0; i++) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
-    return false;
+    return logs.countContaining(kTag, fragment) > 0;
 }
 } // namespace
 
-TEST(FeatureManagerConstruction, DefaultsWithEverythingUnset) {
-    LogCapture logs;
-    FeatureManager* fm = FeatureManager::getInstance();
-    EXPECT_EQ(fm, FeatureManager::getInstance());
-    for (int f : std::initializer_list<int>{DEBUG, QUICK_TOUCH, TARGET_FPS, GPU_JANK_DETECT, CPU_BIG_JANK, 6, 7, 8, 10, -1, 1000})
-        EXPECT_FALSE(fm->isFeatureEnabled(static_cast<Feature>(f))) << f;
-    EXPECT_TRUE(fm->isFeatureEnabled(ENABLE) && fm->isFeatureEnabled(FRAME_RESCUE));
-    EXPECT_FLOAT_EQ(fm->getFrameResendVariation(), 0.2f);
-    EXPECT_FLOAT_EQ(fm->getGpuMinExecTimeMult(), 1.0f);
-    EXPECT_EQ(fm->getTargetFpsSwitchTime(), -1);
-    EXPECT_FLOAT_EQ(fm->getDefaultMaxHeadroomRate(true), 1.8f);
-    EXPECT_FLOAT_EQ(fm->getDefaultMaxHeadroomRate(false), 0.9f);
-    EXPECT_EQ(logs.countContaining(kTag, "Invalid"), 0u);
-}
-
 TEST(FeatureManagerConstruction, DisabledLeavesEveryOptionalFeatureOff) {
-    perfd_stub::setProp("vendor.perf.pelyx.enable", "0");
-    perfd_stub::setProp("vendor.perf.phr.enable", "1");
-    perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
-    perfd_stub::setProp("vendor.perf.gpu_jank_detect.enable", "true");
-    perfd_stub::setProp("vendor.perf.game_frame_rescue.headroom_resend_var", "0.5");
-    platform::setProperty("debug.perf.enable_big_jank_detect", "1");
-    FeatureManager* fm = FeatureManager::getInstance();
-    for (Feature f : {ENABLE, QUICK_TOUCH, TARGET_FPS, GPU_JANK_DETECT, CPU_BIG_JANK})
+    FeatureManager* fm = construct({{{"vendor.perf.pelyx.enable", "0"},
+                                     {"vendor.perf.phr.enable", "1"},
+                                     {"vendor.ruvo.enable.target_fps", "true"},
+                                     {"vendor.perf.gpu_jank_detect.enable", "true"}},
+                                    {{"debug.perf.enable_big_jank_detect", "1"}}});
+    for (Feature f : {ENABLE, QUICK_TOUCH, TARGET_FPS, GPU_JANK_DETECT, CPU_BIG_JANK}) {
         EXPECT_FALSE(fm->isFeatureEnabled(f)) << f;
-    EXPECT_FLOAT_EQ(fm->getFrameResendVariation(), 0.0f);
-    EXPECT_FLOAT_EQ(fm->getGpuMinExecTimeMult(), 1.0f);
-    EXPECT_EQ(fm->getTargetFpsSwitchTime(), -1);
+    }
+    EXPECT_TRUE(fm->isFeatureEnabled(FRAME_RESCUE));
 }
 
 TEST(FeatureManagerConstruction, ReadsEnabledFeaturesAndTheirTunables) {
     LogCapture logs;
-    perfd_stub::setProp("vendor.perf.pelyx.debug", "true");
-    perfd_stub::setProp("vendor.perf.phr.enable", "1");
-    perfd_stub::setProp("vendor.perf.phr.dynamic.enable", "false");
-    perfd_stub::setProp("vendor.ruvo.enable.target_fps", "yes");
-    perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "7");
-    perfd_stub::setProp("vendor.ruvo.target_fps.compensate", "0");
-    perfd_stub::setProp("vendor.perf.gpu_jank_detect.enable", "on");
-    perfd_stub::setProp("vendor.perf.gpu_jank_filter.min_exec_time_mult", "7.5");
-    perfd_stub::setProp("vendor.perf.game_frame_rescue.headroom_resend_var", "0.5");
-    FeatureManager* fm = FeatureManager::getInstance();
-    for (Feature f : {DEBUG, QUICK_TOUCH, TARGET_FPS, GPU_JANK_DETECT}) EXPECT_TRUE(fm->isFeatureEnabled(f)) << f;
+    FeatureManager* fm = construct({{{"vendor.perf.pelyx.debug", "true"},
+                                     {"vendor.perf.phr.enable", "1"},
+                                     {"vendor.perf.phr.dynamic.enable", "false"},
+                                     {"vendor.ruvo.enable.target_fps", "yes"},
+                                     {"vendor.ruvo.target_fps.switch_time", "7"},
+                                     {"vendor.ruvo.target_fps.compensate", "0"},
+                                     {"vendor.perf.gpu_jank_detect.enable", "on"},
+                                     {"vendor.perf.gpu_jank_filter.min_exec_time_mult", "7.5"},
+                                     {"vendor.perf.game_frame_rescue.headroom_resend_var", "0.5"}},
+                                    {}});
+    for (Feature f : {DEBUG, QUICK_TOUCH, TARGET_FPS, GPU_JANK_DETECT}) {
+        EXPECT_TRUE(fm->isFeatureEnabled(f)) << f;
+    }
     EXPECT_TRUE(PerfProxy::isDebuggable());
     EXPECT_FALSE(fm->isPhrDynamicEnabled());
     EXPECT_EQ(fm->getTargetFpsSwitchTime(), 7);
+    EXPECT_FALSE(fm->isTargetFpsCompensate());
     EXPECT_FLOAT_EQ(fm->getGpuMinExecTimeMult(), 7.5f);
     EXPECT_FLOAT_EQ(fm->getFrameResendVariation(), 0.5f);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG,
-                         "Target fps switch time is 7 seconds, compensation is 0."), 1u);
     EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG,
                          "[TFPS:1][QuickTouch:1, mPHRDynamicEnable:0][GpuJankDetect:1]"), 1u);
 }
 
-TEST(FeatureManagerConstruction, DynamicHeadroomDefaultsOnWithQuickTouch) {
-    perfd_stub::setProp("vendor.perf.phr.enable", "true");
-    perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
-    FeatureManager* fm = FeatureManager::getInstance();
+TEST(FeatureManagerConstruction, SwitchedOnFeaturesDefaultTheirTunables) {
+    FeatureManager* fm = construct({{{"vendor.perf.phr.enable", "true"},
+                                     {"vendor.ruvo.enable.target_fps", "true"}},
+                                    {}});
     EXPECT_TRUE(fm->isPhrDynamicEnabled());
     EXPECT_EQ(fm->getTargetFpsSwitchTime(), 0);
     EXPECT_TRUE(fm->isTargetFpsCompensate());
 }
 
-class ResendVariation : public testing::TestWithParam<const char*> {};
+// Values outside their range fall back with an error line naming the text read.
+class InvalidTunable : public testing::TestWithParam<const char*> {};
 
-TEST_P(ResendVariation, OutsideOpenUnitIntervalFallsBack) {
+TEST_P(InvalidTunable, FallsBackWithAnErrorLine) {
     LogCapture logs;
-    perfd_stub::setProp("vendor.perf.game_frame_rescue.headroom_resend_var", GetParam());
-    EXPECT_FLOAT_EQ(FeatureManager::getInstance()->getFrameResendVariation(), 0.2f);
+    const std::string text = GetParam();
+    FeatureManager* fm = construct({{{"vendor.perf.game_frame_rescue.headroom_resend_var", GetParam()},
+                                     {"vendor.perf.gpu_jank_detect.enable", "true"},
+                                     {"vendor.perf.gpu_jank_filter.min_exec_time_mult", GetParam()}},
+                                    {}});
+    EXPECT_FLOAT_EQ(fm->getFrameResendVariation(), 0.2f);
+    EXPECT_FLOAT_EQ(fm->getGpuMinExecTimeMult(), 1.0f);
     EXPECT_EQ(logs.count(kTag, ANDROID_LOG_ERROR,
-                         std::string("Invalid FrameResendVariation: ") + GetParam() +
-                                 ", fall back to 0.2"), 1u);
+                         "Invalid FrameResendVariation: " + text + ", fall back to 0.2"), 1u);
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_ERROR,
+                         "Invalid GpuMinExecTimeMult: " + text + ", fall back to 1.0"),
+              text == "1" ? 0u : 1u);
 }
 
-INSTANTIATE_TEST_SUITE_P(Values, ResendVariation, testing::Values("1", "0", "-0.5", "abc", "1.5"));
+INSTANTIATE_TEST_SUITE_P(Texts, InvalidTunable, testing::Values("1", "0", "-0.5", "abc"));
 
-TEST(FeatureManagerConstruction, NonPositiveGpuExecMultFallsBack) {
+TEST(FeatureManagerBigJank, ThresholdChangesReachTheWatcher) {
     LogCapture logs;
-    perfd_stub::setProp("vendor.perf.gpu_jank_detect.enable", "true");
-    perfd_stub::setProp("vendor.perf.gpu_jank_filter.min_exec_time_mult", "-2");
-    EXPECT_FLOAT_EQ(FeatureManager::getInstance()->getGpuMinExecTimeMult(), 1.0f);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_ERROR,
-                         "Invalid GpuMinExecTimeMult: -2, fall back to 1.0"), 1u);
-}
-
-TEST(FeatureManagerBigJank, ThresholdChangeReachesOnPropChanged) {
-    LogCapture logs;
-    platform::setProperty("debug.perf.enable_big_jank_detect", "true");
-    platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "40");
-    FeatureManager* fm = FeatureManager::getInstance();
+    FeatureManager* fm = construct({{}, {{"debug.perf.enable_big_jank_detect", "true"},
+                                         {"debug.perf.cpu_big_jank_threshold_ms", "40"}}});
     EXPECT_TRUE(fm->isFeatureEnabled(CPU_BIG_JANK));
     EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 40);
 
     platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "25");
-    ASSERT_TRUE(waitForLog(logs, kTag, "The thresholdMs of cpu_big_jank is 25ms"));
+    ASSERT_TRUE(waitForLog(logs, "The thresholdMs of cpu_big_jank is 25ms"));
     EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 25);
-
     platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "0");
-    ASSERT_TRUE(waitForLog(logs, kTag, "Invalid thresholdMs of cpu_big_jank, disabled"));
+    ASSERT_TRUE(waitForLog(logs, "Invalid thresholdMs of cpu_big_jank, disabled"));
     EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 0);
-    // Both changes were announced to the layer registry, which is not running here.
-    for (int i = 0; i < 200 && logs.countContaining("Pelyx.LayerManager", "not initialized") < 2; i++)
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    EXPECT_EQ(logs.count("Pelyx.LayerManager", ANDROID_LOG_ERROR, "LayerManager not initialized"), 2u);
+    EXPECT_EQ(logs.countContaining(kTag, "The thresholdMs of cpu_big_jank is"), 1u);
 }
 
-TEST(FeatureManagerAliveApp, CheckFiresOnceForAMatchingLayer) {
+// Activity hints: 0 asks for a one-shot alive check, 2 reports whether the scene is stable.
+TEST(FeatureManagerActivity, AliveCheckFiresOnceAndSwitchingSetsStability) {
     FeatureManager* fm = FeatureManager::getInstance();
     fm->setCallbackHintValue(4192, "com.example.video", 0, 0, {});
     EXPECT_EQ(fm->getCheckingAliveApp(), "com.example.video");
     perfd_stub::clearCalls();
-
     fm->processAliveAppCheck("SurfaceView[com.example.video/com.example.video.Main]#3");
     ASSERT_EQ(perfd_stub::countCalls("perf_event"), 1u);
     EXPECT_EQ(perfd_stub::calls().back().ints.at(0), 4099);
@@ -147,4 +134,9 @@ TEST(FeatureManagerAliveApp, CheckFiresOnceForAMatchingLayer) {
     fm->processAliveAppCheck("com.other/com.other.Main#1");
     EXPECT_EQ(perfd_stub::countCalls("perf_event"), 1u);
     EXPECT_EQ(fm->getCheckingAliveApp(), "");
+
+    for (int unstable : {0, 1, 0}) {
+        fm->setCallbackHintValue(4192, "com.example.video", 2, unstable, {});
+        EXPECT_EQ(fm->isActvStable(), unstable == 0);
+    }
 }
