@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <utils/Mutex.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -221,6 +222,34 @@ void BM_HotPath_PackagelessHugeName(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_HotPath_PackagelessHugeName);
+
+// A layer's first buffer under a 1 MiB name that the expression matches in full. The call pays
+// for the match; no other compositor thread may wait for it on the registry lock. A prober thread
+// takes that lock (a status query) every 0.1 ms and reports the longest it had to wait.
+void BM_HotPath_FirstSightHostileName(benchmark::State& state) {
+    startLibrary();
+    const std::string name = "SurfaceView[" + std::string(1 << 20, 'p') + "#1";
+    android::LayerManager* lm = android::LayerManager::getInstance();
+    std::atomic<bool> done{false};
+    int64_t worstNs = 0;
+    std::thread prober([&] {
+        while (!done.load()) {
+            const auto start = std::chrono::steady_clock::now();
+            benchmark::DoNotOptimize(lm->getLayerStatus(1));
+            const auto waited = std::chrono::steady_clock::now() - start;
+            worstNs = std::max<int64_t>(worstNs, std::chrono::nanoseconds(waited).count());
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    });
+    int32_t id = 5000; // a new layer each time, below the candidate limit
+    for (auto _ : state) {
+        pelyxTrackBufferIncrement(name.c_str(), id++, false, 0, manualNow());
+    }
+    done = true;
+    prober.join();
+    state.counters["worst_lock_wait_us"] = static_cast<double>(worstNs) / 1e3;
+}
+BENCHMARK(BM_HotPath_FirstSightHostileName)->Unit(benchmark::kMillisecond)->Iterations(8);
 
 void BM_Floor_EmptyExportedCall(benchmark::State& state) {
     startLibrary();
