@@ -38,6 +38,10 @@ void* countedAlloc(size_t size) {
     tAllocations++;
     return std::malloc(size == 0 ? 1 : size);
 }
+// Out of line: inlined into operator delete, GCC takes the malloc'd block for a mismatch.
+__attribute__((noinline)) void release(void* p) {
+    std::free(p);
+}
 } // namespace
 
 // The whole benchmark binary allocates through these; only the counter is added.
@@ -51,10 +55,10 @@ void* operator new[](size_t size) {
 }
 void* operator new(size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size); }
 void* operator new[](size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept { release(p); }
+void operator delete[](void* p) noexcept { release(p); }
+void operator delete(void* p, size_t) noexcept { release(p); }
+void operator delete[](void* p, size_t) noexcept { release(p); }
 #endif
 
 namespace {
