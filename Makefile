@@ -35,6 +35,11 @@ tsan: deps build/tsan/build.ninja
 	PELYX_STRESS_SECONDS=20 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1 suppressions=$(CURDIR)/scripts/tsan.supp" \
 	  ctest --preset tsan -j $(JOBS) $(CTEST_ARGS)
 
+# The suite built with GCC (Debian's default compiler), warnings as errors.
+gcc: deps build/gcc/build.ninja
+	cmake --build --preset gcc -j $(JOBS)
+	ctest --preset gcc -j $(JOBS) $(CTEST_ARGS)
+
 bench: build
 	build/release/bench/pelyx-bench $(BENCH_ARGS)
 

@@ -7,6 +7,7 @@
 #include <benchmark/benchmark.h>
 #include <utils/Mutex.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -37,6 +38,10 @@ void* countedAlloc(size_t size) {
     tAllocations++;
     return std::malloc(size == 0 ? 1 : size);
 }
+// Out of line: inlined into operator delete, GCC takes the malloc'd block for a mismatch.
+__attribute__((noinline)) void release(void* p) {
+    std::free(p);
+}
 } // namespace
 
 // The whole benchmark binary allocates through these; only the counter is added.
@@ -50,10 +55,10 @@ void* operator new[](size_t size) {
 }
 void* operator new(size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size); }
 void* operator new[](size_t size, const std::nothrow_t&) noexcept { return countedAlloc(size); }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, size_t) noexcept { std::free(p); }
-void operator delete[](void* p, size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept { release(p); }
+void operator delete[](void* p) noexcept { release(p); }
+void operator delete(void* p, size_t) noexcept { release(p); }
+void operator delete[](void* p, size_t) noexcept { release(p); }
 #endif
 
 namespace {
@@ -221,6 +226,34 @@ void BM_HotPath_PackagelessHugeName(benchmark::State& state) {
     }
 }
 BENCHMARK(BM_HotPath_PackagelessHugeName);
+
+// A layer's first buffer under a 1 MiB name that the expression matches in full. The call pays
+// for the match; no other compositor thread may wait for it on the registry lock. A prober thread
+// takes that lock (a status query) every 0.1 ms and reports the longest it had to wait.
+void BM_HotPath_FirstSightHostileName(benchmark::State& state) {
+    startLibrary();
+    const std::string name = "SurfaceView[" + std::string(1 << 20, 'p') + "#1";
+    android::LayerManager* lm = android::LayerManager::getInstance();
+    std::atomic<bool> done{false};
+    int64_t worstNs = 0;
+    std::thread prober([&] {
+        while (!done.load()) {
+            const auto start = std::chrono::steady_clock::now();
+            benchmark::DoNotOptimize(lm->getLayerStatus(1));
+            const auto waited = std::chrono::steady_clock::now() - start;
+            worstNs = std::max<int64_t>(worstNs, std::chrono::nanoseconds(waited).count());
+            std::this_thread::sleep_for(std::chrono::microseconds(100));
+        }
+    });
+    int32_t id = 5000; // a new layer each time, below the candidate limit
+    for (auto _ : state) {
+        pelyxTrackBufferIncrement(name.c_str(), id++, false, 0, manualNow());
+    }
+    done = true;
+    prober.join();
+    state.counters["worst_lock_wait_us"] = static_cast<double>(worstNs) / 1e3;
+}
+BENCHMARK(BM_HotPath_FirstSightHostileName)->Unit(benchmark::kMillisecond)->Iterations(8);
 
 void BM_Floor_EmptyExportedCall(benchmark::State& state) {
     startLibrary();

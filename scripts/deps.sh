@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those missing.
 set -eu
-pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev
+pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
       libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils)
 missing=()

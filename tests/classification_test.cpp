@@ -1,15 +1,19 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <limits>
 #include <random>
 #include <regex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "PerfdControl.h"
 #include "layers/LayerInfo.h"
+#include "layers/LayerManager.h"
 #include "perf/PerfProxy.h"
 #include "touch/InGameTracker.h"
 
@@ -107,6 +111,33 @@ TEST(PackageName, HostileNamesStayCheap) {
         EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(700));
         EXPECT_TRUE(package == expected) << name.substr(0, 24) << ": " << package.size();
     }
+}
+
+// A compositor thread never waits on another's classification: the registry lock is not held
+// across the expression, however long the name an app picks.
+TEST(PackageName, AHostileNameIsClassifiedOutsideTheRegistryLock) {
+    using Clock = std::chrono::steady_clock;
+    android::LayerManager* lm = android::LayerManager::getInstance();
+    lm->init(false, 1080, 2400);
+    const std::string name = "SurfaceView[" + std::string(8 << 20, 'p') + "#1";
+    std::atomic<bool> done{false};
+    Clock::duration worstProbe{};
+    std::thread prober([&] {
+        while (!done.load()) {
+            const auto start = Clock::now();
+            lm->getLayerStatus(12345); // takes the registry lock
+            worstProbe = std::max(worstProbe, Clock::now() - start);
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    const auto start = Clock::now();
+    lm->onBufferIncrement(name.c_str(), 1, 1000, 10000, 0, false, 0);
+    const auto call = Clock::now() - start;
+    done = true;
+    prober.join();
+    const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
+    ASSERT_GE(ms(call), 100.0) << "the name is too short to tell";
+    EXPECT_LT(ms(worstProbe), ms(call) / 2) << "ms waited for the registry lock against ms in the call";
 }
 
 TEST(LayerSceneTag, TagsMiniGamesInsideTheirHostApps) {

@@ -4,6 +4,7 @@
 #include <PerfdControl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -205,11 +206,27 @@ TEST_F(GfrTest, PeriodFollowsFpsAtQueueEndAndVsyncAtFrameBegin) {
     frame();
     EXPECT_EQ((std::vector<int64_t>{10'000'000, 13'333'333, 16'666'666}), s->mCheckTimes);
 
-    // Tunables pushed while the period is unknown never put checks at the queue end.
+    // Tunables pushed while the period is unknown: check times of zero or less, boosts at once.
     monitor.setVsyncInfo(-1, 0);
     frame();
     monitor.updateLayerTunables(kId, GfrTunables());
-    EXPECT_TRUE(s->mCheckTimes.empty());
+    EXPECT_EQ((std::vector<int64_t>{-1, -1, -2}), s->mCheckTimes);
+    frame();
+    EXPECT_EQ(clock.now() - 1, s->mPendingCheckTime);
+}
+
+TEST_F(GfrTest, OnlyAFrameBeginCancelsAPendingCheck) {
+    stopped();
+    auto s = addLayer();
+    frame();
+    const uint64_t first = s->mPendingCheckId;
+    monitor.onQueueEnd(kId, clock.now(), 0); // a second end for the same frame
+    EXPECT_NE(first, s->mPendingCheckId);
+    // Poll the kept queue on this thread: both first checks run and each sends level 1.
+    const android::sp<android::TimerQueue> queue = peer.queue();
+    for (int i = 0; i < 60 && hints().size() < 6; ++i) queue->pollOnce(50);
+    const auto all = hints();
+    EXPECT_EQ(2, std::count_if(all.begin(), all.end(), [](const Hint& h) { return h[0] == 1; }));
 }
 
 TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
@@ -232,7 +249,9 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     auto at = [&](int64_t ttd, int32_t base, int32_t level, int32_t freq, uint32_t flags) {
         s->mDeadline = clock.now() + ttd;
         EXPECT_EQ(freq, peer.onWakeup(*s, level, base)) << ttd << " " << base;
-        if (flags) EXPECT_EQ(flags, s->mWakeupFlags) << ttd << " " << base;
+        if (flags) {
+            EXPECT_EQ(flags, s->mWakeupFlags) << ttd << " " << base;
+        }
     };
     at(5 * kMs, 500, 0, 1000, 0x108);
     at(5 * kMs, 40, 0, 100, 0); // 100 MHz stays
@@ -270,7 +289,9 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
         s->mFrameDropWindow = c.window;
         s->mDeadline = clock.now() + 20 * kMs;
         EXPECT_EQ(c.freq, peer.onWakeup(*s, 0, c.base)) << c.window;
-        if (c.flags) EXPECT_EQ(c.flags, s->mWakeupFlags) << c.window;
+        if (c.flags) {
+            EXPECT_EQ(c.flags, s->mWakeupFlags) << c.window;
+        }
     }
 
     s->mFrameDropWindow = 0;

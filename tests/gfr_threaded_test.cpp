@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "PerfdControl.h"
+#include "config/FeatureManager.h"
 #include "gfr/GFRMonitor.h"
 #include "perf/PerfProxy.h"
 #include "platform/Clock.h"
@@ -21,9 +22,12 @@ constexpr int32_t kId = 9;
 constexpr int kFrames = 40;
 constexpr int kLateFrames = 4;
 
-// Runs frames at `period`; every tenth frame is late (its successor begins 4 periods after it),
-// the others are followed after half a period, far from the first check at 1.2 periods.
+// Runs frames at `period`; every tenth frame is late (its successor begins 6 periods after it),
+// the others are followed after half a period. The thresholds (3, 3.5 and 4 periods) leave at
+// least 20 ms between an on-time frame's successor and its first check, and between that check
+// and a late frame's successor, so a thread woken late on a loaded machine changes no verdict.
 void runFrames(GFRMonitor& monitor, int64_t period) {
+    ASSERT_TRUE(FeatureManager::getInstance()->setGFRProp("com.game:jank=3.0;3.5;4.0", {1}));
     monitor.setVsyncInfo(period, static_cast<int32_t>(1'000'000'000 / period));
     monitor.registerLayer(kId, "com.game/com.game.Main#9", "com.game");
     monitor.setGFRActive(kId, true);
@@ -32,7 +36,7 @@ void runFrames(GFRMonitor& monitor, int64_t period) {
         const int64_t now = platform::now();
         monitor.onQueueBegin(kId, now, period, period);
         monitor.onQueueEnd(kId, platform::now(), 0.0f);
-        next += std::chrono::nanoseconds(i % 10 == 5 ? 4 * period : period / 2);
+        next += std::chrono::nanoseconds(i % 10 == 5 ? 6 * period : period / 2);
         std::this_thread::sleep_until(next);
     }
     // The last frame leaves before its first check: stale, nothing sent.

@@ -325,7 +325,9 @@ TEST_F(Registry, AliveAppCheckGivesUpAfterThreeMisses) {
     EXPECT_EQ(logs.count("Pelyx.FeatureManager", ANDROID_LOG_DEBUG,
                          "The checked app is no longer alive. Cancel check"), 1u);
     for (const auto& call : perfd_stub::calls()) {
-        if (call.fn == "perf_event") EXPECT_NE(call.ints.at(0), 4099);
+        if (call.fn == "perf_event") {
+            EXPECT_NE(call.ints.at(0), 4099);
+        }
     }
 }
 

@@ -32,17 +32,18 @@ namespace {
 
 constexpr auto kWait = std::chrono::seconds(5);
 
-bool hasThread(const std::string& wanted) {
-    bool found = false;
+int threadsNamed(const std::string& wanted) {
+    int found = 0;
     DIR* dir = opendir("/proc/self/task");
     while (dirent* entry = dir ? readdir(dir) : nullptr) {
         std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
         std::string name;
-        found |= std::getline(comm, name) && name == wanted;
+        found += std::getline(comm, name) && name == wanted;
     }
     if (dir) closedir(dir);
     return found;
 }
+bool hasThread(const std::string& wanted) { return threadsNamed(wanted) > 0; }
 
 std::vector<perfd_stub::Call> callsOf(const std::vector<std::string>& fns) {
     std::vector<perfd_stub::Call> out;
@@ -182,6 +183,21 @@ TEST(PerfProxyBoostThreadTest, StoppedThreadRefusesTasksAndCanRestart) {
     drainBoostThread(proxy);
     EXPECT_FALSE(ran.load()) << "tasks of the stopped queue are dropped";
     EXPECT_TRUE(hasThread("BP"));
+}
+
+TEST(PerfProxyBoostThreadTest, ARestartFromItsOwnTaskLeavesOneThread) {
+    PerfProxy* proxy = PerfProxy::getInstance();
+    std::promise<void> restarted;
+    proxy->postTask([&] {
+        proxy->stopBoostThread();
+        proxy->startBoostThread();
+        restarted.set_value();
+    });
+    ASSERT_EQ(std::future_status::ready, restarted.get_future().wait_for(kWait));
+    drainBoostThread(proxy);
+    // The stopped generation's thread leaves once its task returns, taking its queue with it.
+    for (int i = 0; i < 500 && threadsNamed("BP") > 1; i++) usleep(10'000);
+    EXPECT_EQ(1, threadsNamed("BP"));
 }
 
 TEST(PerfProxyDeviceTest, LevelsZeroToThreeGoToTheDeviceOthersToTheService) {

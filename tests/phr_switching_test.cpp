@@ -144,7 +144,9 @@ TEST_F(PhrSwitchingTest, SmoothSwitchStepsAQuarterFpsAndEnds) {
         pace(*s, previous, true, 2);
         EXPECT_EQ(s->nextDeadline() - previous, s->frameInterval());
         previous = s->nextDeadline();
-        if (++frames == 1) EXPECT_EQ(s->frameInterval(), static_cast<int64_t>(1e9f / 59.75f));
+        if (++frames == 1) {
+            EXPECT_EQ(s->frameInterval(), static_cast<int64_t>(1e9f / 59.75f));
+        }
     }
     EXPECT_EQ(frames, 120); // 60 -> 30 in 0.25 steps
     EXPECT_EQ(s->targetFpsBaseTime(), previous);

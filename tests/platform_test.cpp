@@ -110,7 +110,9 @@ TEST(Trace, WritesValidTraceEventJson) {
     std::map<int, int> depth;
     for (const Json::Value& e : events) {
         if (e["ph"] == "B") depth[e["tid"].asInt()]++;
-        if (e["ph"] == "E") EXPECT_GT(depth[e["tid"].asInt()]--, 0);
+        if (e["ph"] == "E") {
+            EXPECT_GT(depth[e["tid"].asInt()]--, 0);
+        }
     }
     for (auto& [tid, d] : depth) EXPECT_EQ(d, 0) << tid;
     EXPECT_EQ(events[3]["ph"].asString(), "b");

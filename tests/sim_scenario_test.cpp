@@ -227,7 +227,9 @@ TEST(SimTimeline, GesturesBecomeTouchEvents) {
             {2'040'000'000, kActionMove}, {2'050'000'000, kActionUp}};
     for (size_t i = 0; i < plan.size(); ++i) {
         EXPECT_EQ(plan[i].atNs, want[i].first) << i;
-        if (want[i].second < 0) EXPECT_EQ(plan[i].kind, EventKind::Hint);
+        if (want[i].second < 0) {
+            EXPECT_EQ(plan[i].kind, EventKind::Hint);
+        }
         else EXPECT_EQ(plan[i].action, want[i].second) << i;
     }
 }

@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <thread>
@@ -196,6 +197,49 @@ TEST(TimerQueue, HandlersMayPostAndCancelOnTheirOwnQueue) {
     EXPECT_TRUE(second);
     EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(500));
     EXPECT_TRUE(victim->whats().empty());
+}
+
+// Runs `body` on its own thread; false if it is still blocked after 5 s (then it is left behind
+// with its queue, so that nothing is destroyed under it).
+bool finishesInTime(const sp<TimerQueue>& queue, std::function<void()> body) {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    std::thread thread([done, body] {
+        body();
+        done->store(true);
+    });
+    for (int i = 0; i < 500 && !done->load(); i++) sleepMs(10);
+    if (done->load()) {
+        thread.join();
+        return true;
+    }
+    queue->incStrong(nullptr);
+    thread.detach();
+    return false;
+}
+
+TEST(TimerQueue, AnEntryReleasedByTheQueueMayCallBackIntoIt) {
+    sp<TimerQueue> queue = new TimerQueue();
+    std::atomic<int> released{0};
+    // Captured state whose destructor uses the queue, as a task holding an object may.
+    auto callsBack = [&] {
+        TimerQueue* q = queue.get();
+        return std::shared_ptr<void>(nullptr, [q, &released](void*) {
+            q->cancelTask(987654321);
+            q->postTaskDelayed(ms(10000), [] {});
+            released++;
+        });
+    };
+    ASSERT_TRUE(finishesInTime(queue, [&] {
+        // The front entry: dropped at once.
+        queue->cancelTask(queue->postTaskDelayed(ms(1000), [state = callsBack()] {}));
+        // Behind a due entry: dropped by the poll.
+        const uint64_t behind = queue->postTaskDelayed(ms(20), [state = callsBack()] {});
+        queue->postTaskDelayed(ms(1), [] {});
+        queue->cancelTask(behind);
+        sleepMs(40);
+        queue->pollOnce(1000); // runs the due task, drops the cancelled one behind it
+    })) << "a release under the queue's mutex deadlocked";
+    EXPECT_EQ(2, released.load());
 }
 
 void onSignal(int) {}

@@ -334,15 +334,9 @@ void GFRMonitor::checkAndUpdateCacheLocked(LayerGFRState& state, int64_t vsyncPe
                                            bool force) {
     int64_t period = vsyncPeriod;
     if (fps > kFpsEpsilon) period = truncSaturated<int64_t>(1e9f / fps);
-    if (period < 1) {
-        if (!force) return;
-        // New tunables without a usable period: forget the cache so that the first usable
-        // period rebuilds it, instead of scheduling checks from a period of 0 or less.
-        state.mFramePeriod = -1;
-        state.mCheckTimes.clear();
-        return;
-    }
-    if (!force && period == state.mFramePeriod) return;
+    // A forced update goes ahead even without a usable period: its check times come out zero
+    // or negative, so the checks fire at once rather than never.
+    if (!force && (period < 1 || period == state.mFramePeriod)) return;
 
     state.mFps = fps;
     state.mFramePeriod = period;
@@ -380,8 +374,8 @@ void GFRMonitor::scheduleNextCheckLocked(int32_t layerId, LayerGFRState& state,
     // The kernel timer runs on the real clock: it only ever gets the relative delay.
     const int64_t delay = std::max<int64_t>(target - now, 0);
     if (!mQueue) return;
-    // One check per layer: a repeated frame end replaces the one it scheduled before.
-    cancelPendingChecksLocked(state);
+    // Only a frame begin cancels: a second frame end for the same frame leaves the first check
+    // pending, and its token still matches.
     sp<MessageHandler> handler = new GFRHandler(this, layerId, level, frameToken);
     state.mPendingCheckId = mQueue->sendMessageDelayed(delay, handler, Message(0));
     state.mPendingCheckTime = target;

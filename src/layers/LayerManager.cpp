@@ -151,7 +151,17 @@ sp<LayerInfo> LayerManager::getLayer(int32_t id) {
 
 sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id, int32_t pid,
                                              int32_t uid, int64_t now) {
-    if (sp<LayerInfo> layer = getLayer(id)) return layer;
+    // An app chooses its layer names, and classifying a long one takes milliseconds: the
+    // expression runs before the registry lock, for an id that is not a candidate yet.
+    bool classify = false;
+    {
+        Mutex::Autolock lock(mLock);
+        auto it = mLayers.find(id);
+        if (it != mLayers.end()) return it->second;
+        classify = mCandidates.count(id) == 0 && !mCandidateLimitReached;
+    }
+    std::string classified;
+    if (classify) classified = PerfProxy::getInstance()->getPackageName(name);
 
     bool cleanupLayers = false;
     bool cleanupCands = false;
@@ -173,8 +183,10 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
                              name.c_str(), id, pid, uid);
             cleanupLayers = mLayers.size() > kMaxTrackedLayers;
         } else {
-            if (mCandidateLimitReached) return nullptr;
-            std::string packageName = PerfProxy::getInstance()->getPackageName(name);
+            // Not classified: the id was a candidate a moment ago and has just been dropped
+            // (or the limit just cleared); its next buffer classifies it.
+            if (mCandidateLimitReached || !classify) return nullptr;
+            std::string packageName = std::move(classified);
             if (packageName.empty() && uid >= 1) {
                 auto app = mAppInfoMap.find(uid);
                 if (app != mAppInfoMap.end()) {

@@ -165,7 +165,7 @@ void PerfProxy::startBoostThread() {
         return;
     }
     try {
-        mThread = std::thread(&PerfProxy::threadMain, this, queue);
+        mThread = std::thread(&PerfProxy::threadMain, this, queue, mGeneration.load());
     } catch (const std::system_error&) {
         ALOGE("BoostThread Creation Failed");
         mRunning.store(false);
@@ -180,6 +180,7 @@ void PerfProxy::stopBoostThread() {
     {
         Mutex::Autolock lock(mThreadLock);
         if (!mRunning.exchange(false)) return;
+        mGeneration.fetch_add(1);
         queue = std::move(mTimerQueue);
         thread = std::move(mThread);
     }
@@ -194,10 +195,10 @@ void PerfProxy::stopBoostThread() {
     }
 }
 
-void PerfProxy::threadMain(sp<TimerQueue> queue) {
+void PerfProxy::threadMain(sp<TimerQueue> queue, uint64_t generation) {
     platform::setThreadName("BP");
     platform::setLoopThreadPriority(kTag);
-    while (mRunning.load()) {
+    while (mRunning.load() && mGeneration.load() == generation) {
         if (queue->pollOnce(-1) == TimerQueue::kPollError) {
             ALOGE("TimerQueue error");
         }

@@ -95,8 +95,9 @@ private:
     PerfProxy(const PerfProxy&) = delete;
     PerfProxy& operator=(const PerfProxy&) = delete;
 
-    // Body of the boost thread: the queue is handed over so the loop needs no lock.
-    void threadMain(sp<TimerQueue> queue);
+    // Body of the boost thread: the queue is handed over so the loop needs no lock. The loop
+    // ends once a stop or a newer start has moved the generation on.
+    void threadMain(sp<TimerQueue> queue, uint64_t generation);
     void loadClientLibrary();
 
     static std::atomic<bool> sDebuggable;
@@ -125,6 +126,9 @@ private:
     sp<TimerQueue> mTimerQueue GUARDED_BY(mThreadLock);
     std::thread mThread GUARDED_BY(mThreadLock);
     std::atomic<bool> mRunning{false};
+    // Bumped by every stop: a thread stopped from its own task and left detached must not go
+    // on polling because a start right after set the running flag again.
+    std::atomic<uint64_t> mGeneration{0};
 };
 
 } // namespace android

@@ -107,14 +107,24 @@ void TimerQueue::disarmTimerLocked() {
     }
 }
 
-void TimerQueue::popFrontLocked() {
+void TimerQueue::Released::add(sp<MessageHandler>&& handler) {
+    if (handler == nullptr) return;
+    if (mCount < kInline) {
+        mInline[mCount++] = std::move(handler);
+    } else {
+        mMore.push_back(std::move(handler));
+    }
+}
+
+void TimerQueue::popFrontLocked(Released& released) {
     std::pop_heap(mHeap.begin(), mHeap.end(), later);
+    released.add(std::move(mHeap.back().handler));
     mHeap.pop_back();
 }
 
-void TimerQueue::rearmFromHeapLocked() {
+void TimerQueue::rearmFromHeapLocked(Released& released) {
     while (!mHeap.empty() && mCancelled.erase(mHeap.front().id) > 0) {
-        popFrontLocked();
+        popFrontLocked(released);
     }
     if (mHeap.empty()) {
         disarmTimerLocked();
@@ -144,19 +154,20 @@ int TimerQueue::pollOnce(int timeoutMillis) {
             }
             const int64_t now = monotonicNow();
             std::vector<TimerEntry> due;
+            Released released;
             {
                 Mutex::Autolock lock(mMutex);
                 while (!mHeap.empty()) {
                     TimerEntry& front = mHeap.front();
                     if (mCancelled.erase(front.id) > 0) {
-                        popFrontLocked();
+                        popFrontLocked(released);
                         continue;
                     }
                     if (now < front.when) break;
-                    due.push_back(front);
-                    popFrontLocked();
+                    due.push_back(std::move(front));
+                    popFrontLocked(released);
                 }
-                rearmFromHeapLocked();
+                rearmFromHeapLocked(released);
             }
             // Without the lock, so a handler may schedule or cancel on this queue.
             for (const TimerEntry& entry : due) {
@@ -207,38 +218,40 @@ uint64_t TimerQueue::postTaskDelayed(int64_t delayNs, Task task) {
 }
 
 template <typename Pred>
-void TimerQueue::cancelMatchingLocked(Pred matches) {
-    // Walk a copy: the live heap is only ever trimmed from its front.
-    std::vector<TimerEntry> copy = mHeap;
-    while (!copy.empty()) {
-        const TimerEntry& front = copy.front();
-        if (matches(front)) mCancelled.insert(front.id);
-        std::pop_heap(copy.begin(), copy.end(), later);
-        copy.pop_back();
+void TimerQueue::cancelMatchingLocked(Pred matches, Released& released) {
+    // Marked only: the live heap is only ever trimmed from its front.
+    for (const TimerEntry& entry : mHeap) {
+        if (matches(entry)) mCancelled.insert(entry.id);
     }
-    rearmFromHeapLocked();
+    rearmFromHeapLocked(released);
 }
 
 void TimerQueue::removeMessages(const sp<MessageHandler>& handler) {
     if (!mInitialized) return;
+    Released released;
     Mutex::Autolock lock(mMutex);
     cancelMatchingLocked(
-            [&handler](const TimerEntry& entry) { return entry.handler.get() == handler.get(); });
+            [&handler](const TimerEntry& entry) { return entry.handler.get() == handler.get(); },
+            released);
 }
 
 void TimerQueue::removeMessages(const sp<MessageHandler>& handler, int what) {
     if (!mInitialized) return;
+    Released released;
     Mutex::Autolock lock(mMutex);
-    cancelMatchingLocked([&handler, what](const TimerEntry& entry) {
-        return entry.handler.get() == handler.get() && entry.message.what == what;
-    });
+    cancelMatchingLocked(
+            [&handler, what](const TimerEntry& entry) {
+                return entry.handler.get() == handler.get() && entry.message.what == what;
+            },
+            released);
 }
 
 void TimerQueue::cancelTask(uint64_t id) {
     if (id == 0 || !mInitialized) return;
+    Released released; // declared before the lock: released after it
     Mutex::Autolock lock(mMutex);
     mCancelled.insert(id);
-    rearmFromHeapLocked();
+    rearmFromHeapLocked(released);
 }
 
 } // namespace android

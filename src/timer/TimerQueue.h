@@ -9,8 +9,9 @@
 #include <functional>
 #include <unordered_set>
 
-#include "timer/NodeRecycler.h"
 #include <vector>
+
+#include "timer/NodeRecycler.h"
 
 namespace android {
 
@@ -76,12 +77,27 @@ private:
         uint64_t id;
     };
 
+    // Handlers taken out of the heap under the mutex and released after it, since a handler's
+    // destructor may call back into this queue. A few fit inline, so the per-frame cancel of a
+    // check allocates nothing.
+    class Released {
+    public:
+        void add(sp<MessageHandler>&& handler);
+
+    private:
+        static constexpr size_t kInline = 4;
+        sp<MessageHandler> mInline[kInline];
+        size_t mCount = 0;
+        std::vector<sp<MessageHandler>> mMore;
+    };
+
     void armTimerLocked(int64_t when) REQUIRES(mMutex);
     void disarmTimerLocked() REQUIRES(mMutex);
-    void rearmFromHeapLocked() REQUIRES(mMutex);
-    void popFrontLocked() REQUIRES(mMutex);
+    void rearmFromHeapLocked(Released& released) REQUIRES(mMutex);
+    // Removes the front entry; its handler goes to `released` unless moved out before.
+    void popFrontLocked(Released& released) REQUIRES(mMutex);
     template <typename Pred>
-    void cancelMatchingLocked(Pred matches) REQUIRES(mMutex);
+    void cancelMatchingLocked(Pred matches, Released& released) REQUIRES(mMutex);
 
     // Min-heap on when alone: no tie-break, equal times leave in whatever order the heap yields.
     static bool later(const TimerEntry& a, const TimerEntry& b) { return a.when > b.when; }
