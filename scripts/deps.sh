@@ -3,6 +3,7 @@
 set -eu
 pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
+      android-platform-frameworks-native-headers
       libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils)
 missing=()
 for p in "${pkgs[@]}"; do

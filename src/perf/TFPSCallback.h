@@ -1,6 +1,6 @@
 #pragma once
 
-#include <aidl/vendor/tvo/hardware/perf2/IPerfCallback.h>
+#include <aidl/vendor/tvo/hardware/perf2/BnPerfCallback.h>
 
 namespace aidl::vendor::tvo::hardware::perf2 {
 

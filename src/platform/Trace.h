@@ -13,5 +13,7 @@ void traceEnd();
 void traceAsyncBegin(const char* name, int32_t cookie);
 void traceAsyncEnd(const char* name, int32_t cookie);
 void traceCounter(const char* name, int64_t value);
+// Labels the calling thread in the trace (atrace takes thread names from the kernel itself).
+void traceThreadName(const char* name);
 
 } // namespace android::platform

@@ -84,6 +84,7 @@ void traceClose() { TraceWriter::instance().close(); }
 
 bool traceGraphicsEnabled() { return host::TraceWriter::instance().isOpen(); }
 void traceBegin(const char* name) { host::TraceWriter::instance().begin(name); }
+void traceThreadName(const char* name) { host::TraceWriter::instance().threadName(name); }
 void traceEnd() { host::TraceWriter::instance().end(); }
 void traceAsyncBegin(const char* name, int32_t cookie) {
     host::TraceWriter::instance().asyncBegin(name, cookie);

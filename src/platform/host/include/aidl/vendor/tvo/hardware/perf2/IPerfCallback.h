@@ -18,6 +18,4 @@ public:
                                                 const std::vector<int32_t>& values) = 0;
 };
 
-class BnPerfCallback : public IPerfCallback {};
-
 } // namespace aidl::vendor::tvo::hardware::perf2

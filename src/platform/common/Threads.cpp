@@ -1,4 +1,4 @@
-#include "platform/Threads.h"
+// The same on a device and on a host.
 
 #include <log/log.h>
 #include <pthread.h>
@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/host/TraceWriter.h"
+#include "platform/Threads.h"
+#include "platform/Trace.h"
 
 namespace android::platform {
 
+// Without the privilege both calls fail and the thread runs on unboosted.
 void setLoopThreadPriority(const char* logTag) {
     if (setpriority(PRIO_PROCESS, 0, -8) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, logTag, "setpriority(-8) failed: %s",
@@ -26,11 +28,11 @@ void setLoopThreadPriority(const char* logTag) {
 }
 
 void setThreadName(const char* name) {
-    char shortName[16];
+    char shortName[16]; // the kernel keeps 15 characters
     strncpy(shortName, name, sizeof(shortName) - 1);
     shortName[sizeof(shortName) - 1] = '\0';
     pthread_setname_np(pthread_self(), shortName);
-    host::TraceWriter::instance().threadName(name);
+    traceThreadName(name);
 }
 
 } // namespace android::platform
