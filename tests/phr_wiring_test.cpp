@@ -20,6 +20,8 @@ protected:
     void SetUp() override {
         perfd_stub::setProp("vendor.perf.phr.enable", "1");
         perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
+        // Pacing is switched off for a slow layer only once a smooth switch has ended.
+        perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "1");
         perfd_stub::setGame("com.app1", true);
         perfd_stub::setGameWeight("com.app1", 3);
         RegistryTest::SetUp();
