@@ -63,6 +63,12 @@ TEST_F(PhrWiring, AGameWithRatesIsRegisteredWithThem) {
     EXPECT_FLOAT_EQ(state->highFpsPhrMinRate(), 1.5f);
 }
 
+TEST_F(PhrWiring, TheMonitorStartsWithThePeriodEvenWithoutAnFpsMode) {
+    lm->setVsyncPeriod(15'000'000); // no fps mode of its own: the monitors are not told
+    ASSERT_TRUE(lm->initPHREnv());
+    EXPECT_EQ(phr->vsyncPeriod(), 15'000'000);
+}
+
 TEST_F(PhrWiring, TargetFpsPacingFollowsTheConfiguration) {
     Producer game{1, k60Hz};
     startHeadroom(game);

@@ -137,7 +137,7 @@ void LayerManager::initPHREnvLocked() {
         mPhrMonitor = nullptr;
         return;
     }
-    if (mVsyncMode.load() != 0) monitor->setVsyncInfo(mVsyncPeriod.load(), mVsyncMode.load());
+    monitor->setVsyncInfo(mVsyncPeriod.load(), mVsyncMode.load());
     mPhrMonitor = monitor;
     mPhrReady = true;
     PerfProxy::XLOGD(LOG_TAG, "PHRMonitor initialized");
@@ -192,8 +192,8 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
                 if (app != mAppInfoMap.end()) {
                     packageName = app->second.packageName;
                     app->second.lastSeenTime = now;
-                    ALOGD("Layer [%s] get pkg from AppInfo cache (uid=%d): %s", name.c_str(), uid,
-                          packageName.c_str());
+                    PerfProxy::XLOGD(LOG_TAG, "Layer [%s] get pkg from AppInfo cache (uid=%d): %s",
+                                     name.c_str(), uid, packageName.c_str());
                 }
             }
             // Layers without a package are never tracked.
