@@ -423,6 +423,10 @@ void LayerManager::unblockPendingBuffer() {
 
 void LayerManager::scheduleNotifyUserScene(int64_t delayNs) {
     mSceneCheckPending.store(true);
+    postSceneCheck(delayNs);
+}
+
+void LayerManager::postSceneCheck(int64_t delayNs) {
     PerfProxy::getInstance()->postTaskDelayed(delayNs, [this] {
         const int64_t now = platform::now();
         cleanupInactiveLayers(now);
