@@ -223,11 +223,13 @@ TEST(ApiSmartTouchWatcher, OneThenZeroSwitchesAndOtherTextsAreIgnored) {
 
     platform::setProperty(kST, "true"); // not "1": the watcher keeps waiting
     std::this_thread::sleep_for(std::chrono::milliseconds(50)); // room for a wrong wake-up
+    EXPECT_FALSE(pelyxSmartTouchEnabled());
     platform::setProperty(kST, "1");
     ASSERT_TRUE(waitFor([&] { return pelyxSmartTouchEnabled() && lm->isSmartTouchEnabled(); }))
             << dump(logs);
     platform::setProperty(kST, "false"); // not "0"
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    EXPECT_TRUE(pelyxSmartTouchEnabled());
     platform::setProperty(kST, "0");
     ASSERT_TRUE(waitFor([&] { return !pelyxSmartTouchEnabled(); }));
     EXPECT_FALSE(lm->isSmartTouchEnabled());

@@ -60,6 +60,16 @@ TEST_F(AppIdentity, ClassifiedOnTheBoostThreadAndCachedPerUid) {
     EXPECT_EQ(status->gameWeight, 7);
     ASSERT_TRUE(drainBoostThread());
     EXPECT_EQ(gameQueries(), queries);
+
+    // A package-less name of that uid borrows the cached package; the line saying so is a
+    // debug line, silent while the debug switch is off.
+    PerfProxy::setDebuggable(false, false);
+    Producer third{3, k60Hz};
+    third.uid = first.uid;
+    third.layerName = "GameSurface#3";
+    queue(third);
+    EXPECT_EQ(lm->candidateCount(), 1u);
+    EXPECT_EQ(logs.countContaining(kTag, "get pkg from AppInfo cache"), 0u);
 }
 
 TEST_F(AppIdentity, EleventhAppEvictsTheLeastRecentlySeen) {

@@ -342,7 +342,8 @@ TEST_F(Registry, NamesWithoutPackageAreJudgedOncePerLayerUntilTheNameChanges) {
     queue(p);
     EXPECT_EQ(lm->candidateCount(), 1u);
 
-    // So is a name that differs only past the part that is remembered.
+    // A name that differs only past the part that is remembered is not: a compositor layer keeps
+    // its name for life, so the verdict is kept per id.
     Producer q{6, k60Hz};
     q.layerName = std::string(300, 'y');
     queue(q);

@@ -63,7 +63,15 @@ TEST(PhrBaseHeadroom, RatesPeriodsAndTheVsyncGuard) {
     EXPECT_EQ(a->baseHeadroom(), static_cast<int64_t>(0.7f * static_cast<float>(kP120)));
     EXPECT_EQ(a->maxHeadroom(), kHeavyCeiling);
     EXPECT_EQ(m->getLayerState(2)->mHeadroom.load(), -1);
-    EXPECT_FALSE(a->updateHeadRoom(0.5f, 0.5f, -1, 60, 0.9f)); // unknown period
+
+    // An unknown period is stored too: the base is then the 1.5 ms guard.
+    for (int64_t unknown : {int64_t{-1}, int64_t{0}}) {
+        m->setVsyncInfo(unknown, 60);
+        EXPECT_EQ(m->vsyncPeriod(), unknown);
+        EXPECT_EQ(a->baseHeadroom(), 1'500'000) << unknown;
+    }
+    EXPECT_EQ(logs.count("Pelyx.PHRMonitor", ANDROID_LOG_DEBUG, "Layer 1 set headroom: 1500000"),
+              2u);
 }
 
 TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {

@@ -20,6 +20,8 @@ protected:
     void SetUp() override {
         perfd_stub::setProp("vendor.perf.phr.enable", "1");
         perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
+        // Pacing is switched off for a slow layer only once a smooth switch has ended.
+        perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "1");
         perfd_stub::setGame("com.app1", true);
         perfd_stub::setGameWeight("com.app1", 3);
         RegistryTest::SetUp();
@@ -59,6 +61,12 @@ TEST_F(PhrWiring, AGameWithRatesIsRegisteredWithThem) {
     features->setCallbackHintValue(4187, "com.app1", 0, 0, {0, 90, 0, 150});
     EXPECT_FLOAT_EQ(state->phrMinRate(), 0.9f);
     EXPECT_FLOAT_EQ(state->highFpsPhrMinRate(), 1.5f);
+}
+
+TEST_F(PhrWiring, TheMonitorStartsWithThePeriodEvenWithoutAnFpsMode) {
+    lm->setVsyncPeriod(15'000'000); // no fps mode of its own: the monitors are not told
+    ASSERT_TRUE(lm->initPHREnv());
+    EXPECT_EQ(phr->vsyncPeriod(), 15'000'000);
 }
 
 TEST_F(PhrWiring, TargetFpsPacingFollowsTheConfiguration) {

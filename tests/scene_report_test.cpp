@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include "config/FeatureManager.h"
 #include "layers/LayerManager.h"
 #include "support/RegistryDriver.h"
 
@@ -164,6 +165,17 @@ TEST_F(SceneReport, DropsTheLastAppThatDoesNotFit) {
               1u);
 }
 
+TEST_F(SceneReport, AConcurrencyEventReportsOnlyAChangedScene) {
+    Producer game{1, k60Hz};
+    run({&game}, 2'200 * kMs);
+    ASSERT_TRUE(report().has_value());
+    const size_t sent = perfd_stub::countCalls("perf_event");
+    android::FeatureManager::getInstance()->setCallbackHintValue(4192, "com.app1", 1, 0, {});
+    EXPECT_TRUE(lm->hasConcurrencyEvent());
+    report(); // the same scene: nothing to send
+    EXPECT_EQ(perfd_stub::countCalls("perf_event"), sent);
+}
+
 TEST_F(SceneReport, HostileNamesStayValidAndBounded) {
     Producer quotes{1, k60Hz};
     quotes.layerName = std::string("com.\"evil\\\x01\n\x7f\xc3\xa9/x#1");
@@ -172,7 +184,7 @@ TEST_F(SceneReport, HostileNamesStayValidAndBounded) {
     ASSERT_TRUE(r.has_value());
     EXPECT_EQ(r->apps[0]["pkg"].asString(), std::string("com.\"evil\\\x01\n\x7f\xc3\xa9"));
 
-    // One app whose name alone passes the limit: shortened, never an empty report.
+    // One app whose entry alone passes the limit is dropped like any last-added group.
     Producer huge{2, k60Hz};
     huge.uid = 10'002;
     huge.layerName = std::string(400, '"') + "\xc3\xa9/x#2";
@@ -180,9 +192,7 @@ TEST_F(SceneReport, HostileNamesStayValidAndBounded) {
     run({&quotes, &huge}, 2'200 * kMs);
     r = report();
     ASSERT_TRUE(r.has_value());
-    ASSERT_EQ(r->apps.size(), 1u);
-    const std::string pkg = r->apps[0]["pkg"].asString();
-    EXPECT_FALSE(pkg.empty());
-    EXPECT_EQ(pkg, std::string(pkg.size(), '"'));
-    EXPECT_EQ(r->apps[0]["fps"].asInt() / 100, 60);
+    EXPECT_TRUE(r->apps.empty());
+    EXPECT_GE(logs.count(kTag, ANDROID_LOG_WARN, "JSON length limit reached, drop the last added group"),
+              1u);
 }

@@ -117,10 +117,15 @@ TEST_F(SmartTouch, InstantBufferAfterATouchWithHeadroom) {
     bool autoTs = true;
     int64_t present = 0;
     uint32_t flags = 0x21;
+    platform::host::traceClose(); // the trace switch alone asks for the log line
+    LogCapture logs;
     aPelyxFilterBuffer(&autoTs, &present, &flags);
     EXPECT_FALSE(autoTs);
     EXPECT_EQ(present, clock.now() - 5 * kMs);
     EXPECT_EQ(flags, 0x01u);
+    EXPECT_EQ(logs.count("Pelyx", ANDROID_LOG_DEBUG,
+                         "SurfaceFlinger: Smart touch debug: set desiredPresentTime for this frame."),
+              1u);
     // Only the first buffer after the touch.
     autoTs = true;
     present = 0;

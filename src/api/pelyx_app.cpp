@@ -151,7 +151,7 @@ void aPelyxFilterBuffer(bool* isAutoTimestamp, int64_t* desiredPresentTime, uint
             *isAutoTimestamp = false;
             *desiredPresentTime = platform::now() - kInstantPresentAgoNs;
             TouchTrace slice("aPelyxInstantBuffer true");
-            if (slice.on()) {
+            if (isOn(gEntryFlags.trace)) {
                 ALOGD("SurfaceFlinger: Smart touch debug: set desiredPresentTime for this frame.");
             }
             return;

@@ -137,7 +137,7 @@ void LayerManager::initPHREnvLocked() {
         mPhrMonitor = nullptr;
         return;
     }
-    if (mVsyncMode.load() != 0) monitor->setVsyncInfo(mVsyncPeriod.load(), mVsyncMode.load());
+    monitor->setVsyncInfo(mVsyncPeriod.load(), mVsyncMode.load());
     mPhrMonitor = monitor;
     mPhrReady = true;
     PerfProxy::XLOGD(LOG_TAG, "PHRMonitor initialized");
@@ -192,8 +192,8 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
                 if (app != mAppInfoMap.end()) {
                     packageName = app->second.packageName;
                     app->second.lastSeenTime = now;
-                    ALOGD("Layer [%s] get pkg from AppInfo cache (uid=%d): %s", name.c_str(), uid,
-                          packageName.c_str());
+                    PerfProxy::XLOGD(LOG_TAG, "Layer [%s] get pkg from AppInfo cache (uid=%d): %s",
+                                     name.c_str(), uid, packageName.c_str());
                 }
             }
             // Layers without a package are never tracked.
@@ -423,6 +423,10 @@ void LayerManager::unblockPendingBuffer() {
 
 void LayerManager::scheduleNotifyUserScene(int64_t delayNs) {
     mSceneCheckPending.store(true);
+    postSceneCheck(delayNs);
+}
+
+void LayerManager::postSceneCheck(int64_t delayNs) {
     PerfProxy::getInstance()->postTaskDelayed(delayNs, [this] {
         const int64_t now = platform::now();
         cleanupInactiveLayers(now);

@@ -137,6 +137,9 @@ public:
     void cleanupCandidates(int64_t now) EXCLUDES(mLock);
     // Posts the clean-ups (and the on-screen-apps check) to the boost thread after delayNs.
     void scheduleNotifyUserScene(int64_t delayNs);
+    // Posts the clean-ups and the multi-layer check alone: a report goes out only if the scene
+    // changed.
+    void postSceneCheck(int64_t delayNs);
 
     // Read-only views for diagnostics and tests.
     int32_t trackedLayerCount() const { return mTrackedLayerCount.load(); }

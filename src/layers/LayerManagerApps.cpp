@@ -154,7 +154,7 @@ void LayerManager::onFeatureConfigChanged(Feature feature, const std::string& pa
         }
         case ACTV_IF_CONCURRENCY:
             mConcurrencyEvent.store(true);
-            scheduleNotifyUserScene(kConcurrencyCheckDelayNs);
+            postSceneCheck(kConcurrencyCheckDelayNs);
             PerfProxy::XLOGD(LOG_TAG, "OnFeatureConfigChanged - ACTV_IF_CONCURRENCY");
             break;
         case ACTV_SWITCHING:

@@ -45,13 +45,6 @@ bool reportsBefore(const ReportEntry& a, const ReportEntry& b) {
     return a.fpsMode <= b.fpsMode;
 }
 
-// Cuts a UTF-8 text to at most `bytes` bytes without splitting a character.
-std::string cutUtf8(const std::string& text, size_t bytes) {
-    if (text.size() <= bytes) return text;
-    while (bytes > 0 && (static_cast<unsigned char>(text[bytes]) & 0xC0) == 0x80) bytes--;
-    return text.substr(0, bytes);
-}
-
 } // namespace
 
 int32_t LayerManager::getWindowType(const Rect& bounds) const {
@@ -118,9 +111,9 @@ void LayerManager::checkMultiLayer(int64_t now) {
     writer.omitEndingLineFeed();
     Json::Value report(Json::objectValue);
     Json::Value& apps = report["apps"] = Json::Value(Json::arrayValue);
-    auto appObject = [this](const ReportEntry& entry, const std::string& pkg) {
+    auto appObject = [this](const ReportEntry& entry) {
         Json::Value app(Json::objectValue);
-        app["pkg"] = pkg;
+        app["pkg"] = entry.packageName;
         app["fps"] = static_cast<Json::Int>(std::lround(entry.fps * 100.0f));
         if (entry.fpsMode != -1) app["M"] = entry.fpsMode;
         if (entry.focused) app["F"] = 1;
@@ -137,37 +130,19 @@ void LayerManager::checkMultiLayer(int64_t now) {
     std::string json = writer.write(report); // no app on screen is a report too
     bool limited = false;
     for (const ReportEntry& entry : entries) {
-        apps.append(appObject(entry, entry.packageName));
+        apps.append(appObject(entry));
         json = writer.write(report);
         if (json.size() > kReportLimit) {
             limited = true;
             break;
         }
     }
-    if (limited && apps.size() > 1) {
+    if (limited) {
+        // Even when that group was the only one: the report then lists no app.
         Json::Value dropped;
         apps.removeIndex(apps.size() - 1, &dropped);
         ALOGW("JSON length limit reached, drop the last added group");
         json = writer.write(report);
-    } else if (limited) {
-        // One app whose names alone pass the limit: shorten its package name rather than send
-        // an empty report. Escapes make the written length grow faster than the name, so
-        // search for the longest prefix that fits.
-        const ReportEntry& only = entries.front();
-        size_t fits = 0;
-        size_t tooLong = only.packageName.size();
-        while (tooLong - fits > 1) {
-            const size_t mid = fits + (tooLong - fits) / 2;
-            apps[0] = appObject(only, cutUtf8(only.packageName, mid));
-            if (writer.write(report).size() <= kReportLimit) {
-                fits = mid;
-            } else {
-                tooLong = mid;
-            }
-        }
-        apps[0] = appObject(only, cutUtf8(only.packageName, fits));
-        json = writer.write(report);
-        ALOGW("JSON length limit reached, package name of layer %d shortened", only.id);
     }
 
     int args[2] = {kOnScreenAppsTag, count};

@@ -5,7 +5,9 @@
 #include <utils/Timers.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <thread>
 
 #include "perf/PerfProxy.h"
 
@@ -81,11 +83,12 @@ bool LayerPHRState::updateHeadRoom(float phrMinRate, float highFpsPhrMinRate, in
         if (phrMinRate >= 0.0f) mPhrMinRate = phrMinRate;
         if (highFpsPhrMinRate >= 0.0f) mHighFpsPhrMinRate = highFpsPhrMinRate;
         const float rate = displayFps < kHighFpsClass ? mPhrMinRate : mHighFpsPhrMinRate;
-        // Without a period nothing is derived; setVsyncInfo recomputes once it is known.
-        if (rate == 0.0f || period <= 0) return false;
+        if (rate == 0.0f) return false;
 
         h = scaledPeriod(rate, period);
-        const int64_t r = h % period;
+        // An unknown period (0 or -1) leaves no remainder: the base is then the 1.5 ms guard,
+        // until setVsyncInfo recomputes it from a real period.
+        const int64_t r = period > 0 ? h % period : 0;
         if (r < kVsyncGuardNs) {
             h = h - r + kVsyncGuardNs;
         } else if (period - r < kVsyncGuardNs) {
@@ -381,13 +384,10 @@ bool LayerPHRState::setTargetFps(bool enable, float fromFps, float targetFps,
 int64_t LayerPHRState::nextTargetFpsWait(int64_t now, bool compensate, int32_t switchTimeSec) {
     Mutex::Autolock lock(mLock);
     if (switchTimeSec >= 1 && mSmoothSwitch) {
-        const float next = mCurrentFps - mFpsStep;
-        // A step too small to move the rate (or no number at all) would never arrive.
-        const bool stuck = next == mCurrentFps;
-        mCurrentFps = next;
+        mCurrentFps -= mFpsStep;
         fpsToInterval(mCurrentFps, &mFrameInterval);
         mNextDeadline += mFrameInterval;
-        if (stuck || !(std::fabs(mCurrentFps - mTargetFps) >= std::fabs(mFpsStep))) {
+        if (std::fabs(mCurrentFps - mTargetFps) < std::fabs(mFpsStep)) {
             mBaseTime = mNextDeadline;
             mSmoothSwitch = false;
             fpsToInterval(mTargetFps, &mFrameInterval);
@@ -470,8 +470,7 @@ LayerPHRState::HoldResult LayerPHRState::waitForRelease(int64_t timeoutNs, bool 
     mWaiting = true;
     // Checked under the mutex after `waiting` is set: a releaser that changed one of these
     // before taking the mutex is seen here, one that changes it later finds us waiting.
-    if ((firstHold && mReleasedByTimer.load()) || mDetached.load() ||
-        !mQuickTouchActive.load()) {
+    if ((firstHold && mReleasedByTimer.load()) || mDetached.load()) {
         mWaiting = false;
         return HoldResult::kNotWaited;
     }
@@ -521,7 +520,7 @@ void LayerPHRState::detach() {
     mDetached.store(true);
     Mutex::Autolock lock(mHoldLock);
     mWaiting = false;
-    mHoldCondition.broadcast(); // pacing sleepers do not set `waiting`
+    mHoldCondition.broadcast();
 }
 
 bool LayerPHRState::isWaiting() const {
@@ -530,13 +529,8 @@ bool LayerPHRState::isWaiting() const {
 }
 
 void LayerPHRState::sleepFor(int64_t ns) {
-    Mutex::Autolock lock(mHoldLock);
-    const int64_t deadline = realNow() + std::min(ns, kMaxWaitNs);
-    while (!mDetached.load()) {
-        const int64_t remaining = deadline - realNow();
-        if (remaining <= 0) return;
-        mHoldCondition.waitRelative(mHoldLock, remaining);
-    }
+    // A plain sleep: pacing holds the frame to its deadline, whatever happens to the layer.
+    std::this_thread::sleep_for(std::chrono::nanoseconds(ns));
 }
 
 } // namespace android

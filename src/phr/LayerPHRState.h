@@ -42,7 +42,7 @@ public:
     // Stores each rate that is not negative, then derives base, max and current headroom for the
     // rate of the display's fps class: base = rate x period kept 1.5 ms away from a vsync
     // multiple, max = max(maxRate x period, base). False, with nothing changed, when the class's
-    // rate is 0 or the period is unknown. maxRate is the default ceiling rate of that class.
+    // rate is 0; an unknown period gives the 1.5 ms base. maxRate is the default ceiling rate of that class.
     bool updateHeadRoom(float phrMinRate, float highFpsPhrMinRate, int64_t period,
                         int32_t displayFps, float maxRate) EXCLUDES(mLock);
     // One step of the current headroom towards base (decrease) or max, snapped to land a tenth
@@ -118,8 +118,8 @@ public:
     void detach() EXCLUDES(mHoldLock);
     bool isDetached() const { return mDetached.load(); }
     bool isWaiting() const EXCLUDES(mHoldLock);
-    // The target-fps sleep: not cut short by releases, only by detach(); at most kMaxWaitNs.
-    void sleepFor(int64_t ns) EXCLUDES(mHoldLock);
+    // The target-fps sleep: nothing cuts it short, not even the layer's removal.
+    void sleepFor(int64_t ns);
 
     const int32_t mLayerId;
     const std::string mName;
@@ -168,7 +168,9 @@ private:
     std::deque<int64_t> mJankTimes GUARDED_BY(mLock);
 
     // Target-fps pacing: -1 until first set.
-    bool mSmoothSwitch GUARDED_BY(mLock) = false;
+    // Set until a smooth switch finishes: until then the registry does not switch pacing off
+    // for a layer that falls below its target.
+    bool mSmoothSwitch GUARDED_BY(mLock) = true;
     float mTargetFps GUARDED_BY(mLock) = -1.0f;
     float mCurrentFps GUARDED_BY(mLock) = -1.0f;
     float mFpsStep GUARDED_BY(mLock) = -1.0f;

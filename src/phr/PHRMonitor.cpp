@@ -24,7 +24,6 @@ constexpr int32_t kHighFpsClass = 61;
 constexpr int32_t kQuickTouchBacklog = 31;
 constexpr int32_t kBufferDropWaitLimit = 29;
 constexpr int64_t kRecentJankNs = 999'999'999;
-constexpr int64_t kMaxPeriodNs = 1'000'000'000;
 // The idle worker re-checks its state this often; a vsync or a stop wakes it at once anyway.
 constexpr int64_t kIdleWaitNs = 250'000'000;
 
@@ -61,8 +60,14 @@ bool PHRMonitor::init() {
     mTargetFpsCompensate.store(features->isTargetFpsCompensate());
 
     mRunning.store(true);
+    uint64_t seen;
+    {
+        // Read here, not on the worker: a vsync right after init must not be lost.
+        Mutex::Autolock lock(mThreadLock);
+        seen = mVsyncSequence;
+    }
     try {
-        mThread = std::thread(&PHRMonitor::threadMain, this);
+        mThread = std::thread(&PHRMonitor::threadMain, this, seen);
     } catch (const std::system_error&) {
         ALOGE("PHRMonitor thread creation failed");
         mRunning.store(false);
@@ -89,12 +94,9 @@ void PHRMonitor::forceStop() {
     }
     std::map<int32_t, sp<LayerPHRState>> dropped;
     {
-        Mutex::Autolock quickTouchLock(mQuickTouchLock);
-        {
-            Mutex::Autolock layersLock(mLayersLock);
-            dropped.swap(mLayers);
-        }
-        mQuickTouchLayerId.store(-1);
+        // The quick-touch layer id is kept, as re-registration keeps it.
+        Mutex::Autolock layersLock(mLayersLock);
+        dropped.swap(mLayers);
     }
     for (auto& entry : dropped) entry.second->detach();
     PerfProxy::XLOGD(kTag, "PHRMonitor stopped");
@@ -102,14 +104,9 @@ void PHRMonitor::forceStop() {
 
 // ---- Worker ----
 
-void PHRMonitor::threadMain() {
+void PHRMonitor::threadMain(uint64_t seen) {
     platform::setThreadName("PHR");
     platform::setLoopThreadPriority(kTag);
-    uint64_t seen;
-    {
-        Mutex::Autolock lock(mThreadLock);
-        seen = mVsyncSequence;
-    }
     while (mRunning.load()) {
         if (!waitForVsync(&seen)) break;
         PerfProxy::XTRACE_BEGIN("wait for preset headroom");
@@ -167,17 +164,12 @@ void PHRMonitor::registerLayer(int32_t layerId, const std::string& name, float p
     sp<LayerPHRState> state = new LayerPHRState(layerId, name);
     sp<LayerPHRState> replaced;
     {
-        Mutex::Autolock quickTouchLock(mQuickTouchLock);
-        {
-            Mutex::Autolock layersLock(mLayersLock);
-            sp<LayerPHRState>& slot = mLayers[layerId];
-            replaced = std::move(slot);
-            slot = state;
-        }
-        // The new record starts with quick touch off; so must the monitor.
-        if (replaced != nullptr && mQuickTouchLayerId.load() == layerId) {
-            mQuickTouchLayerId.store(-1);
-        }
+        // The quick-touch layer id stays: the new record starts with quick touch off, and only
+        // this layer may switch it on again.
+        Mutex::Autolock layersLock(mLayersLock);
+        sp<LayerPHRState>& slot = mLayers[layerId];
+        replaced = std::move(slot);
+        slot = state;
     }
     if (replaced != nullptr) replaced->detach();
     const int32_t fps = mDisplayFps.load();
@@ -217,10 +209,6 @@ size_t PHRMonitor::layerCount() const {
 // ---- Vsync, queue, latch ----
 
 void PHRMonitor::setVsyncInfo(int64_t periodNs, int32_t fps) {
-    if (periodNs <= 0 || periodNs > kMaxPeriodNs) {
-        ALOGW("Ignored vsync period %lld", static_cast<long long>(periodNs));
-        return;
-    }
     // Deliberately keyed on the period alone: an fps change without one is not stored.
     if (mVsyncPeriod.load() == periodNs) return;
     mVsyncPeriod.store(periodNs);
@@ -418,7 +406,6 @@ void PHRMonitor::setQuickTouchStatus(int32_t layerId, bool enable) {
         PerfProxy::XTRACE_FORMAT("Layer %d: %s", layerId, "enable PHR");
         PerfProxy::XLOGD(kTag, "Layer %d: %s", layerId, "enable PHR");
     } else {
-        state->releaseWaiter();
         PerfProxy::XTRACE_FORMAT("Layer %d: %s", layerId, "disable PHR");
         PerfProxy::XLOGD(kTag, "Layer %d: %s", layerId, "disable PHR");
     }

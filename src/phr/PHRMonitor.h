@@ -107,7 +107,8 @@ private:
     PHRMonitor(const PHRMonitor&) = delete;
     PHRMonitor& operator=(const PHRMonitor&) = delete;
 
-    void threadMain() EXCLUDES(mThreadLock);
+    // `seen`: the vsync counter as init read it.
+    void threadMain(uint64_t seen) EXCLUDES(mThreadLock);
     // Waits for the next vsync of the quick-touch layer; false when the monitor stops.
     bool waitForVsync(uint64_t* seen) EXCLUDES(mThreadLock);
     // Waits until the release point `waitNs` ahead, a new vsync (which ends it early) or stop;
