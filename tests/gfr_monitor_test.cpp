@@ -265,6 +265,9 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     s->mLastBoostFreq = 50;
     at(-1, 60, 1, 60, 0x400);
     at(0, 700, 3, 700, 0);
+    s->mTunables.kFactor = 0.5f; // (1 + 2k) x base at the deadline
+    EXPECT_EQ(1000, peer.byTtd(*s, 0, 500));
+    s->mTunables.kFactor = 1.0f;
     s->mGoldenNs = 0;
     EXPECT_EQ(500, peer.byTtd(*s, 0, 500));
     EXPECT_EQ(0x800u, s->mWakeupFlags);
@@ -279,6 +282,7 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     const struct { uint64_t window; int32_t base, freq; uint32_t flags; } cases[] = {
             {(1ull << 20) | (1ull << 40), 500, 500, 0x004},
             {0x1, 500, 625, 0x024},
+            {0b11, 500, 625, 0x024}, // two recent drops: still a quarter
             {(1ull << 20) | (1ull << 21) | (1ull << 63), 500, 625, 0x024}, // three old drops
             {(1ull << 15) | (1ull << 30) | (1ull << 50), 500, 750, 0x044},
             {0b111, 66, 0, 0x0C4}, // 99 MHz after the raise
