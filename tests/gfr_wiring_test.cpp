@@ -143,13 +143,21 @@ TEST_F(GfrWiring, OnlyGamesAtTheDisplayRateWithAKnownWeightAreRescued) {
     EXPECT_FALSE(lm->getLayerStatus(3)->gfrActive) << "fps mode 30 on a 60 Hz display";
 }
 
-TEST_F(GfrWiring, TheMonitorGetsDroppedFramesAndOnlyAPacedRate) {
-    perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
+class GfrWiringWithTargetFps : public GfrWiring {
+protected:
+    void SetUp() override {
+        perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
+        GfrWiring::SetUp();
+    }
+};
+
+TEST_F(GfrWiringWithTargetFps, TheMonitorGetsDroppedFramesAndOnlyAPacedRate) {
     // A 90 fps target above the game's 60: set, but not paced.
     FeatureManager::getInstance()->setCallbackHintValue(4171, "com.app1", 9000, 0, {});
     Producer game{1, k60Hz};
     startRescue(game);
     ASSERT_FALSE(lm->getLayerStatus(1)->targetFpsActive);
+    ASSERT_FLOAT_EQ(lm->getLayerStatus(1)->targetFps, 90.0f);
     sp<LayerGFRState> s = GFRMonitorTestPeer::state(1);
     ASSERT_NE(s, nullptr);
     EXPECT_EQ(s->mFramePeriod, k60Hz) << "checks keep the vsync period while nothing is paced";
