@@ -117,9 +117,17 @@ TEST(PackageName, HostileNamesStayCheap) {
 // across the expression, however long the name an app picks.
 TEST(PackageName, AHostileNameIsClassifiedOutsideTheRegistryLock) {
     using Clock = std::chrono::steady_clock;
+    const auto ms = [](Clock::duration d) {
+        return std::chrono::duration<double, std::milli>(d).count();
+    };
     android::LayerManager* lm = android::LayerManager::getInstance();
     lm->init(false, 1080, 2400);
     const std::string name = "SurfaceView[" + std::string(8 << 20, 'p') + "#1";
+    const auto matchStart = Clock::now();
+    android::PerfProxy::getInstance()->getPackageName(name);
+    const double match = ms(Clock::now() - matchStart);
+    ASSERT_GE(match, 100.0) << "the name is too short to tell";
+
     std::atomic<bool> done{false};
     Clock::duration worstProbe{};
     std::thread prober([&] {
@@ -130,14 +138,10 @@ TEST(PackageName, AHostileNameIsClassifiedOutsideTheRegistryLock) {
             std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
     });
-    const auto start = Clock::now();
     lm->onBufferIncrement(name.c_str(), 1, 1000, 10000, 0, false, 0);
-    const auto call = Clock::now() - start;
     done = true;
     prober.join();
-    const auto ms = [](Clock::duration d) { return std::chrono::duration<double, std::milli>(d).count(); };
-    ASSERT_GE(ms(call), 100.0) << "the name is too short to tell";
-    EXPECT_LT(ms(worstProbe), ms(call) / 2) << "ms waited for the registry lock against ms in the call";
+    EXPECT_LT(ms(worstProbe), match / 2) << "ms waited for the registry lock against ms of matching";
 }
 
 TEST(LayerSceneTag, TagsMiniGamesInsideTheirHostApps) {

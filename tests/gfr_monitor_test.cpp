@@ -249,12 +249,10 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     auto at = [&](int64_t ttd, int32_t base, int32_t level, int32_t freq, uint32_t flags) {
         s->mDeadline = clock.now() + ttd;
         EXPECT_EQ(freq, peer.onWakeup(*s, level, base)) << ttd << " " << base;
-        if (flags) {
-            EXPECT_EQ(flags, s->mWakeupFlags) << ttd << " " << base;
-        }
+        EXPECT_EQ(flags, s->mWakeupFlags) << ttd << " " << base;
     };
     at(5 * kMs, 500, 0, 1000, 0x108);
-    at(5 * kMs, 40, 0, 100, 0); // 100 MHz stays
+    at(5 * kMs, 40, 0, 100, 0x008); // 100 MHz stays
     at(5 * kMs, 39, 0, 0, 0x088);
     s->mFirstCheckAdjust = 16 * kMs;
     at(5 * kMs, 500, 0, 1000, 0x118);
@@ -265,8 +263,11 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     s->mLastBoostFreq = 2800;
     at(-1, 500, 1, 2800, 0x400);
     s->mLastBoostFreq = 50;
-    at(-1, 60, 1, 60, 0);
+    at(-1, 60, 1, 60, 0x400);
     at(0, 700, 3, 700, 0);
+    s->mTunables.kFactor = 0.5f; // (1 + 2k) x base at the deadline
+    EXPECT_EQ(1000, peer.byTtd(*s, 0, 500));
+    s->mTunables.kFactor = 1.0f;
     s->mGoldenNs = 0;
     EXPECT_EQ(500, peer.byTtd(*s, 0, 500));
     EXPECT_EQ(0x800u, s->mWakeupFlags);
@@ -279,19 +280,18 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     s->mFirstCheckAdjust = 0;
     s->mTunables.lowerBoost = false;
     const struct { uint64_t window; int32_t base, freq; uint32_t flags; } cases[] = {
-            {(1ull << 20) | (1ull << 40), 500, 500, 0},
+            {(1ull << 20) | (1ull << 40), 500, 500, 0x004},
             {0x1, 500, 625, 0x024},
-            {(1ull << 20) | (1ull << 21) | (1ull << 63), 500, 625, 0}, // three old drops
-            {(1ull << 15) | (1ull << 30) | (1ull << 50), 500, 750, 0},
+            {0b11, 500, 625, 0x024}, // two recent drops: still a quarter
+            {(1ull << 20) | (1ull << 21) | (1ull << 63), 500, 625, 0x024}, // three old drops
+            {(1ull << 15) | (1ull << 30) | (1ull << 50), 500, 750, 0x044},
             {0b111, 66, 0, 0x0C4}, // 99 MHz after the raise
             {0b111, 1800, 2000, 0x144}};
     for (const auto& c : cases) {
         s->mFrameDropWindow = c.window;
         s->mDeadline = clock.now() + 20 * kMs;
         EXPECT_EQ(c.freq, peer.onWakeup(*s, 0, c.base)) << c.window;
-        if (c.flags) {
-            EXPECT_EQ(c.flags, s->mWakeupFlags) << c.window;
-        }
+        EXPECT_EQ(c.flags, s->mWakeupFlags) << c.window;
     }
 
     s->mFrameDropWindow = 0;

@@ -6,9 +6,22 @@
 #include <thread>
 
 #include "config/FeatureManager.h"
+#include "gfr/GFRMonitor.h"
 #include "layers/LayerManager.h"
 #include "support/FakeBoostDevice.h"
 #include "support/RegistryDriver.h"
+
+namespace android {
+class GFRMonitorTestPeer {
+public:
+    static sp<LayerGFRState> state(int32_t id) {
+        GFRMonitor& m = GFRMonitor::getInstance();
+        Mutex::Autolock lock(m.mMutex);
+        auto it = m.mLayers.find(id);
+        return it == m.mLayers.end() ? nullptr : it->second;
+    }
+};
+} // namespace android
 
 using namespace android;
 using namespace pelyx_test;
@@ -108,4 +121,48 @@ TEST_F(GfrWiring, StopStopsTheMonitor) {
     startRescue(game);
     lm->stop();
     EXPECT_EQ(logs.count("Pelyx.GFRMonitor", ANDROID_LOG_DEBUG, "GFRMonitor stopped"), 1u);
+}
+
+TEST_F(GfrWiring, OnlyGamesAtTheDisplayRateWithAKnownWeightAreRescued) {
+    FeatureManager* features = FeatureManager::getInstance();
+    for (const char* pkg : {"com.app2", "com.app3"}) {
+        perfd_stub::setGame(pkg, true);
+        features->setCallbackHintValue(4189, std::string(pkg) + ":golden=0.8", 0, 0, {1});
+    }
+    perfd_stub::setGameWeight("com.app2", -1); // the service knows no weight
+    perfd_stub::setGameWeight("com.app3", 3);
+    Producer noWeight{2, k60Hz}, halfRate{3, 33'333'333};
+    noWeight.uid = 10'002;
+    halfRate.uid = 10'003;
+    run({&noWeight, &halfRate}, 700 * kMs);
+    ASSERT_TRUE(drainBoostThread());
+    run({&noWeight, &halfRate}, 2'200 * kMs);
+    ASSERT_TRUE(lm->getLayerStatus(2)->gfrEnabled);
+    ASSERT_TRUE(lm->getLayerStatus(3)->gfrEnabled);
+    EXPECT_FALSE(lm->getLayerStatus(2)->gfrActive);
+    EXPECT_FALSE(lm->getLayerStatus(3)->gfrActive) << "fps mode 30 on a 60 Hz display";
+}
+
+class GfrWiringWithTargetFps : public GfrWiring {
+protected:
+    void SetUp() override {
+        perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
+        GfrWiring::SetUp();
+    }
+};
+
+TEST_F(GfrWiringWithTargetFps, TheMonitorGetsDroppedFramesAndOnlyAPacedRate) {
+    // A 90 fps target above the game's 60: set, but not paced.
+    FeatureManager::getInstance()->setCallbackHintValue(4171, "com.app1", 9000, 0, {});
+    Producer game{1, k60Hz};
+    startRescue(game);
+    ASSERT_FALSE(lm->getLayerStatus(1)->targetFpsActive);
+    ASSERT_FLOAT_EQ(lm->getLayerStatus(1)->targetFps, 90.0f);
+    sp<LayerGFRState> s = GFRMonitorTestPeer::state(1);
+    ASSERT_NE(s, nullptr);
+    EXPECT_EQ(s->mFramePeriod, k60Hz) << "checks keep the vsync period while nothing is paced";
+    EXPECT_EQ(s->mFrameDropWindow, 0u) << "a latch every vsync drops nothing";
+    clock.set(game.next - game.period + 3 * k60Hz); // a latch three vsyncs after the last
+    queue(game);
+    EXPECT_EQ(s->mFrameDropWindow, 0b11u);
 }

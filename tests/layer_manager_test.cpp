@@ -128,6 +128,7 @@ TEST_F(Registry, PeriodicCleanupRunsOnVsyncEveryOneAndAHalfSeconds) {
     lm->onVsync(t0 + 3'000 * kMs);
     EXPECT_FALSE(lm->getLayerStatus(1)->active);
     lm->onVsync(t0 + 4'000 * kMs); // within 1.5 s of the last check
+    lm->onVsync(t0 + 4'500 * kMs); // exactly 1.5 s is not past it
     EXPECT_TRUE(tracked(1));
     lm->onVsync(t0 + 4'500 * kMs + 1);
     EXPECT_FALSE(tracked(1));

@@ -80,7 +80,9 @@ TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
     const struct { bool down; int64_t step, expected; } steps[] = {
             {false, 2 * kMs, 6'166'666},   // far from a multiple: no snap
             {false, 2 * kMs, kP120 + t},   // 8 166 666 is just short of P: t past it
-            {true, kMs / 10, kP120 - t}};  // 9 066 666 is just past P: t before it
+            {true, kMs / 10, kP120 - t},   // 9 066 666 is just past P: t before it
+            {false, kMs, kP120 + t},       // 8 500 000 is just past P: t past it
+            {true, 1'500'000, kP120 - t}}; // 7 666 666 is just short of P: t before it
     for (const auto& c : steps) {
         s->updatePresetHeadroom(c.down, c.step, kP120);
         EXPECT_EQ(s->mHeadroom.load(), c.expected);

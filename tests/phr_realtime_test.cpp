@@ -87,6 +87,24 @@ TEST_F(PhrRealtimeTest, WorkerReleasesAtTheVsyncAlignedPoint) {
     EXPECT_LT(elapsedMs(queue()), 500);
 }
 
+TEST_F(PhrRealtimeTest, ABufferQueuedInTheVsyncKeepsTheWorkerFromReleasing) {
+    m->onVsync(realNow());
+    m->onBufferIncrement(1, kP, platform::now(), true); // instant: queued, never held
+    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // past the release point
+    EXPECT_FALSE(state->mReleasedByTimer.load());
+}
+
+TEST_F(PhrRealtimeTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
+    // Times well ahead, so that no jank lies within a second of the queue: a latch 1.4 s ahead
+    // with a buffer still queued, then a buffer stamped 2.5 s ahead. Its headroom is 0.9 s, so
+    // the hold waits 0.1 s; it is then still about 2.5 s early and waits up to a period more.
+    const int64_t now = platform::now();
+    m->onBufferDecrement(1, 1, now + 1'400 * kMs);
+    const int64_t start = realNow();
+    m->onBufferIncrement(1, kP, now + 2'500 * kMs, false);
+    EXPECT_GE((realNow() - start) / kMs, 1'000);
+}
+
 TEST_F(PhrRealtimeTest, UnregisterReleasesAHeldThread) {
     expectReleasedBy([this] { m->unregisterLayer(1); });
 }

@@ -179,3 +179,19 @@ TEST_F(PhrSwitchingTest, CompensationKeepsTheGridAfterAPause) {
         EXPECT_EQ(pace(*s, q, compensate), compensate ? 15'000'000 : 20'000'000);
     }
 }
+
+TEST_F(PhrSwitchingTest, BacklogNeedsARateAndTheDropWaitEndsAfterThirtyLatches) {
+    start();
+    m->registerLayer(3, "c", 0.0f, 0.5f); // no rate below 61 fps
+    for (int i = 0; i < 40; i++) m->onBufferDecrement(3, 1, t += kP);
+    EXPECT_FALSE(m->getLayerState(3)->mQuickTouchActive.load());
+    EXPECT_EQ(m->quickTouchLayerId(), -1);
+
+    m->setQuickTouchStatus(1, true);
+    sp<LayerPHRState> s = m->getLayerState(1);
+    s->mBufferDropWait.store(1);
+    latches(29, 1);
+    EXPECT_EQ(s->mBufferDropWait.load(), 30);
+    latches(1, 1);
+    EXPECT_EQ(s->mBufferDropWait.load(), -1);
+}

@@ -21,7 +21,7 @@ protected:
         perfd_stub::setProp("vendor.perf.phr.enable", "1");
         perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
         // Pacing is switched off for a slow layer only once a smooth switch has ended.
-        perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "1");
+        perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", switchTime);
         perfd_stub::setGame("com.app1", true);
         perfd_stub::setGameWeight("com.app1", 3);
         RegistryTest::SetUp();
@@ -40,6 +40,7 @@ protected:
 
     FeatureManager* features = nullptr;
     PHRMonitor* phr = PHRMonitor::getInstance();
+    std::string switchTime = "1";
 };
 } // namespace
 
@@ -94,6 +95,37 @@ TEST_F(PhrWiring, PacingStopsWhenTheLayerFallsWellBelowItsTarget) {
     EXPECT_FALSE(lm->getLayerStatus(1)->targetFpsActive);
 }
 
+// Pacing of a slow layer stays on while a smooth switch is under way, and when late frames may
+// not be made up.
+class PhrWiringKeepsPacing : public PhrWiring, public testing::WithParamInterface<const char*> {
+protected:
+    void SetUp() override {
+        const std::string setting = GetParam();
+        const size_t eq = setting.find('=');
+        if (setting.rfind("vendor.ruvo.target_fps.switch_time", 0) == 0) {
+            switchTime = setting.substr(eq + 1);
+        } else {
+            perfd_stub::setProp(setting.substr(0, eq), setting.substr(eq + 1));
+        }
+        PhrWiring::SetUp();
+    }
+};
+
+TEST_P(PhrWiringKeepsPacing, WhenTheLayerFallsBelowItsTarget) {
+    Producer game{1, k60Hz};
+    features->setCallbackHintValue(4171, "com.app1", 5500, 0, {});
+    startHeadroom(game);
+    ASSERT_TRUE(lm->getLayerStatus(1)->targetFpsActive);
+    game.period = 25 * kMs;
+    run({&game}, 3'300 * kMs);
+    EXPECT_TRUE(lm->getLayerStatus(1)->targetFpsActive);
+}
+
+INSTANTIATE_TEST_SUITE_P(Settings, PhrWiringKeepsPacing,
+                         testing::Values("vendor.ruvo.target_fps.switch_time=60",
+                                         "vendor.ruvo.target_fps.compensate=false"),
+                         [](const auto& info) { return info.index == 0 ? "SmoothSwitch" : "NoCompensation"; });
+
 TEST_F(PhrWiring, LosingTheRatesOrTheLayerLeavesTheMonitor) {
     Producer game{1, k60Hz};
     startHeadroom(game);
@@ -124,4 +156,19 @@ TEST_F(PhrWiring, StopStopsTheMonitorAndFreesHeldThreads) {
     EXPECT_TRUE(returned.load());
     compositor.join();
     EXPECT_FALSE(phr->isRunning());
+}
+
+TEST_F(PhrWiring, TouchesUnblockAndOnlyLatchesAtTheDisplayModeCount) {
+    Producer game{1, k60Hz};
+    startHeadroom(game);
+    sp<LayerPHRState> state = phr->getLayerState(1);
+    lm->unblockPendingBuffer();
+    EXPECT_TRUE(state->mUnblockRequested.load());
+
+    game.period = 33'333'333; // fps mode 30 on a 60 Hz display
+    run({&game}, 2'200 * kMs);
+    ASSERT_EQ(lm->getLayerStatus(1)->fpsMode, 30);
+    const int64_t latched = state->mLastLatchTime.load();
+    run({&game}, 200 * kMs);
+    EXPECT_EQ(state->mLastLatchTime.load(), latched);
 }

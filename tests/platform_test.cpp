@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 
+#include <sched.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -11,6 +13,7 @@
 #include "platform/Clock.h"
 #include "platform/HostControl.h"
 #include "platform/Properties.h"
+#include "platform/Threads.h"
 #include "platform/Trace.h"
 #include "support/ManualClock.h"
 
@@ -119,4 +122,20 @@ TEST(Trace, WritesValidTraceEventJson) {
     EXPECT_EQ(events[6]["ph"].asString(), "e");
     for (const char* key : {"id", "name", "cat"}) EXPECT_EQ(events[3][key], events[6][key]) << key;
     EXPECT_NE(events[3]["tid"], events[6]["tid"]);
+}
+
+TEST(LoopThreads, AskForNiceMinusEightAndFifoOne) {
+    struct Seen { int nice = 0, policy = -1, priority = -1; } seen;
+    std::thread loop([&seen] {
+        setLoopThreadPriority("Pelyx.Test");
+        seen.nice = getpriority(PRIO_PROCESS, 0);
+        sched_param param{};
+        seen.policy = sched_getscheduler(0);
+        sched_getparam(0, &param);
+        seen.priority = param.sched_priority;
+    });
+    loop.join();
+    if (seen.policy != SCHED_FIFO) GTEST_SKIP() << "not privileged to raise a thread";
+    EXPECT_EQ(seen.nice, -8);
+    EXPECT_EQ(seen.priority, 1);
 }

@@ -165,6 +165,25 @@ TEST_F(SceneReport, DropsTheLastAppThatDoesNotFit) {
               1u);
 }
 
+TEST_F(SceneReport, AFocusMovingToAnotherAppIsReported) {
+    Producer a{1, k60Hz}, b{2, k60Hz};
+    b.uid = 10'002;
+    b.focused = false;
+    b.bounds = Rect{0, 0, 1080, 1200};
+    run({&a, &b}, 2'200 * kMs);
+    ASSERT_TRUE(report().has_value());
+    const size_t sent = perfd_stub::countCalls("perf_event");
+    a.focused = false;
+    b.focused = true;
+    run({&a, &b}, 100 * kMs);
+    auto r = report();
+    EXPECT_GT(perfd_stub::countCalls("perf_event"), sent);
+    ASSERT_TRUE(r.has_value());
+    for (const auto& app : r->apps) {
+        EXPECT_EQ(app.isMember("F"), app["pkg"].asString() == "com.app2") << r->text;
+    }
+}
+
 TEST_F(SceneReport, AConcurrencyEventReportsOnlyAChangedScene) {
     Producer game{1, k60Hz};
     run({&game}, 2'200 * kMs);

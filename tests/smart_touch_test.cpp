@@ -3,6 +3,7 @@
 #include <json/json.h>
 
 #include <fstream>
+#include <vector>
 
 #include "api/Pelyx.h"
 #include "pelyx/pelyx.h"
@@ -18,7 +19,7 @@ using pelyx_test::ManualClock;
 namespace {
 constexpr int64_t kMs = 1'000'000;
 constexpr int64_t k60Hz = 16'666'666;
-constexpr int kDown = 0, kUp = 1, kMove = 2;
+constexpr int kDown = 0, kUp = 1, kMove = 2, kPointerDown = 5, kPointerUp = 6, kHoverMove = 7;
 
 class SmartTouch : public testing::Test {
 protected:
@@ -87,13 +88,36 @@ TEST_F(SmartTouch, SteadySixtyFpsGivesTheFrameIntervalAfterOneWindow) {
 }
 
 TEST_F(SmartTouch, UnknownFrameIntervalConsumesEveryMove) {
-    aPelyxSetTouchEvent(kMove);
-    for (int i = 0; i < 3; i++) {
-        auto [consumed, label] = consume();
-        EXPECT_TRUE(consumed);
-        EXPECT_EQ(label, "consume first MOVE");
-        clock.advance(kMs);
+    for (int move : {kMove, kHoverMove}) {
+        aPelyxSetTouchEvent(move);
+        for (int i = 0; i < 2; i++) {
+            auto [consumed, label] = consume();
+            EXPECT_TRUE(consumed) << move;
+            EXPECT_EQ(label, "consume first MOVE") << move;
+            clock.advance(kMs);
+        }
     }
+}
+
+TEST_F(SmartTouch, EveryKindOfDownOrUpBoostsAfterAPauseFromTheLastOne) {
+    std::vector<int32_t> ids;
+    platform::host::setPowerBoostListener([&ids](int32_t id) { ids.push_back(id); });
+    for (int action : {kDown, kPointerDown, kUp, kPointerUp}) {
+        clock.advance(301 * kMs);
+        aPelyxSetTouchEvent(action);
+    }
+    EXPECT_EQ(ids, std::vector<int32_t>(4, 110));
+    // The pause runs from the last down or up, whether it boosted or not.
+    bool autoTs = true;
+    int64_t present = 0;
+    uint32_t flags = 0;
+    aPelyxFilterBuffer(&autoTs, &present, &flags); // takes the pending touch
+    for (int action : {kDown, kUp}) {
+        clock.advance(200 * kMs);
+        aPelyxSetTouchEvent(action);
+    }
+    EXPECT_EQ(ids.size(), 4u);
+    platform::host::setPowerBoostListener(nullptr);
 }
 
 TEST_F(SmartTouch, DownAndUpWithinAPauseBoostOnce) {
@@ -253,4 +277,26 @@ TEST(SmartTouchOff, AppSideCallsDoNothingBeforeAppInit) {
     bool consumeNow = true;
     aPelyxConsumeInputNow(&consumeNow);
     EXPECT_TRUE(consumeNow);
+}
+
+// Either switch lets the queue path time buffers; only smart touch makes one instant.
+TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouch) {
+    const struct { const char* st; const char* stm; bool instant; } cases[] = {
+            {"1", "0", true}, {"0", "1", false}};
+    ManualClock clock{10'000'000'000};
+    for (const auto& c : cases) {
+        platform::setProperty("debug.vendor.perf.smart_touch", c.st);
+        platform::setProperty("debug.vendor.perf.smart_touch.move", c.stm);
+        aPelyxAppInit();
+        aPelyxQueueBuffer(true);
+        clock.advance(4 * kMs);
+        aPelyxQueueBuffer(false);
+        clock.advance(400 * kMs);
+        aPelyxSetTouchEvent(kDown);
+        bool autoTs = true;
+        int64_t present = 0;
+        uint32_t flags = 0;
+        aPelyxFilterBuffer(&autoTs, &present, &flags);
+        EXPECT_EQ(!autoTs, c.instant) << c.st << c.stm;
+    }
 }
