@@ -96,7 +96,7 @@ private:
     PerfProxy& operator=(const PerfProxy&) = delete;
 
     // Body of the boost thread: the queue is handed over so the loop needs no lock. The loop
-    // ends once a stop or a newer start has moved the generation on.
+    // ends once a stop has moved the generation on.
     void threadMain(sp<TimerQueue> queue, uint64_t generation);
     void loadClientLibrary();
 
