@@ -142,10 +142,11 @@ TEST_F(SimFakeDevices, BoostDeviceKeepsEveryRecord) {
     EXPECT_EQ(table().close(fd), 0);
 }
 
-TEST_F(SimFakeDevices, FencesAnswerAndHurry) {
+TEST_F(SimFakeDevices, FencesFollowTheGpuAndADeadlineRaisesItsClock) {
     FakeDevices& devices = FakeDevices::instance();
     const int64_t now = android::platform::now();
-    const int late = devices.createFence(3, now + 1'000'000'000), done = devices.createFence(4, now - 1);
+    const int done = devices.submitGpuWork(4, 0, 0), late = devices.submitGpuWork(3, 1'000'000'000, 0);
+    const int behind = devices.submitGpuWork(4, 0, 0);
     ASSERT_GE(late, FakeDevices::kFirstFenceFd);
     unsigned char info[56] = {};
     int32_t status;
@@ -156,14 +157,15 @@ TEST_F(SimFakeDevices, FencesAnswerAndHurry) {
     };
     EXPECT_EQ(statusOf(late), 0) << "still running";
     EXPECT_STREQ(reinterpret_cast<const char*>(info), "mavu-timeline");
-    EXPECT_EQ(statusOf(done), 1) << "signalled";
+    EXPECT_EQ(statusOf(done), 1) << "no work: signalled at once";
+    EXPECT_EQ(statusOf(behind), 0) << "the GPU runs its work in order";
+    EXPECT_NEAR(devices.signalTime(late), now + 1'000'000'000, 100'000'000);
 
-    // A deadline request halves what is left of the GPU's work.
+    // A deadline request runs the rest at the maximum clock, four times the base one.
     unsigned char deadline[16] = {};
     EXPECT_EQ(table().ioctl(late, FakeDevices::kSyncSetDeadline, deadline), 0);
-    EXPECT_NEAR(devices.signalTime(late), now + 500'000'000, 100'000'000);
+    EXPECT_NEAR(devices.signalTime(late), now + 250'000'000, 100'000'000);
     EXPECT_EQ(table().ioctl(done, FakeDevices::kSyncSetDeadline, deadline), 0);
-    EXPECT_EQ(devices.signalTime(done), now - 1) << "a signalled fence stays as it was";
     EXPECT_EQ(std::vector<int>({devices.deadlineRequests(3), devices.deadlineRequests(4), devices.deadlineRequests(5)}),
               std::vector<int>({1, 1, 0}));
 
@@ -241,27 +243,29 @@ TEST_F(SimTrace, PairsSlicesAndFindsTheUnpaired) {
 
 TEST(SimBufferQueue, FramesGoOutInOrderAndAFullQueueBlocksTheAppUntilALatch) {
     BufferQueue q(2);
+    int64_t release = -1;
     for (uint64_t n = 1; n <= 2; ++n) {
-        ASSERT_TRUE(q.dequeue());
+        ASSERT_TRUE(q.dequeue(&release));
         Frame f;
         f.number = n, q.queue(f);
     }
     EXPECT_TRUE(q.freeBuffers() == 0 && q.queued() == 2 && q.oldest()->number == 1u);
     Frame latched;
-    EXPECT_EQ(q.latch(&latched), 1);
+    EXPECT_EQ(q.latch(&latched, 100), 1);
     EXPECT_EQ(latched.number, 1u);
     EXPECT_EQ(q.freeBuffers(), 0) << "the first frame on screen frees nothing";
     std::atomic<bool> got{false};
-    std::thread app([&] { got = q.dequeue(); });
-    EXPECT_EQ(q.latch(&latched), 0);
+    std::thread app([&] { got = q.dequeue(&release); });
+    EXPECT_EQ(q.latch(&latched, 200), 0);
     app.join();
     EXPECT_TRUE(got) << "the frame it replaced is free again";
+    EXPECT_EQ(release, 200) << "the display lets go of it when the new frame is presented";
     EXPECT_EQ(latched.number, 2u);
-    q.cancel();
+    q.cancel(release);
     EXPECT_EQ(q.freeBuffers(), 1);
 
     std::atomic<bool> after{true};
-    std::thread blocked([&] { after = q.dequeue() && q.dequeue(); });
+    std::thread blocked([&] { after = q.dequeue(&release) && q.dequeue(&release); });
     q.close();
     blocked.join();
     EXPECT_FALSE(after) << "closing wakes the app for good";
@@ -284,7 +288,7 @@ RunResult sampleResult() {
     game.label = "game", game.package = "com.game", game.id = 1, game.promoted = true;
     game.name = "SurfaceView[com.game/com.game.A](BLAST)#1";
     game.fpsModes = {{0.6, -1}, {1.6, 60}, {8.7, 45}};
-    game.framesQueued = 520, game.framesPresented = 519, game.janks = 4;
+    game.framesQueued = 520, game.framesPresented = 519, game.rhythmJanks = 4;
     game.holdsMs = {12, 13, 14};
     game.quickTouchHolds = 3;
     game.boosts.level1 = 6, game.boosts.level2 = 5, game.boosts.level3 = 4, game.boosts.withdrawn = 6;
@@ -331,7 +335,7 @@ TEST(SimSummary, SchemaCheckFindsEveryMissingOrMistypedField) {
         EXPECT_FALSE(checkSummary(s).empty()) << key;
     }
     for (const char* key : {"name", "package", "promoted", "fps_mode", "frames_queued", "frames_presented",
-                            "janks", "holds", "boosts", "input_to_present_ms", "target_fps_active",
+                            "rhythm_janks", "frame_timeline", "phases", "holds", "boosts", "input_to_present_ms", "target_fps_active",
                             "quick_touch"}) {
         Json::Value s = good;
         s["layers"][0].removeMember(key);

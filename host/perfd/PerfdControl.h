@@ -8,6 +8,7 @@
 
 #include <aidl/vendor/tvo/hardware/perf2/IPerfCallback.h>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,6 +48,10 @@ PERFD_STUB_EXPORT void setProp(const std::string& name, const std::string& value
 PERFD_STUB_EXPORT std::vector<Call> calls();
 PERFD_STUB_EXPORT size_t countCalls(const std::string& fn);
 PERFD_STUB_EXPORT void clearCalls();
+
+// Sees every call as it is recorded, on the caller's thread and under the stand-in's lock (so it
+// must not call into the stand-in); null removes it. reset() keeps it.
+PERFD_STUB_EXPORT void setCallListener(std::function<void(const Call&)> listener);
 
 // The registered callback and client id (null / -1 before perf_callback_register).
 PERFD_STUB_EXPORT std::shared_ptr<aidl::vendor::tvo::hardware::perf2::IPerfCallback>

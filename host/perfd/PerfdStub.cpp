@@ -4,6 +4,7 @@
 #include "PerfdControl.h"
 
 #include <algorithm>
+#include <functional>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -32,6 +33,7 @@ struct State {
 };
 
 std::mutex gMutex;
+std::function<void(const Call&)>* gListener = nullptr;  // under gMutex
 
 // Never destroyed: the plug-in's threads may still call in while the process exits.
 State& state() {
@@ -47,6 +49,7 @@ void record(State& s, const char* fn, const char* pkg, std::vector<int> ints, co
     if (pkg) call.pkg = pkg;
     call.ints = std::move(ints);
     if (args && numArgs > 0) call.args.assign(args, args + numArgs);
+    if (gListener) (*gListener)(call);
     s.calls.push_back(std::move(call));
 }
 
@@ -74,6 +77,12 @@ void copyCut(android::PerfPropVal& out, const std::string& text) {
 }
 
 } // namespace
+
+void setCallListener(std::function<void(const Call&)> listener) {
+    std::lock_guard<std::mutex> lock(gMutex);
+    delete gListener;
+    gListener = listener ? new std::function<void(const Call&)>(std::move(listener)) : nullptr;
+}
 
 void reset() {
     std::lock_guard<std::mutex> lock(gMutex);

@@ -41,9 +41,9 @@ double cadence(const std::vector<int64_t>& queueTimes) {
 
 } // namespace
 
-App::App(LayerRuntime& layer, const Compositor& compositor, const StopSignal& stop,
+App::App(LayerRuntime& layer, const Compositor& compositor, const CpuModel& cpu, const StopSignal& stop,
          int64_t runStartNs)
-      : mLayer(layer), mCompositor(compositor), mStop(stop), mRunStartNs(runStartNs) {}
+      : mLayer(layer), mCompositor(compositor), mCpu(cpu), mStop(stop), mRunStartNs(runStartNs) {}
 
 App::~App() {
     if (mThread.joinable()) mThread.join();
@@ -74,6 +74,26 @@ void App::run() {
     }
 }
 
+// CPU work of `ns` at the normal clock, in a trace slice.
+void App::work(int64_t ns) {
+    const double factor = mCpu.factor(mLayer.app.package, mLayer.app.pid, android::platform::now());
+    android::platform::traceBegin(("work " + mLayer.setup.label).c_str());
+    sleepFor(static_cast<int64_t>(static_cast<double>(ns) / factor));
+    android::platform::traceEnd();
+}
+
+// The frame time the app runs at: the target pushed for it, else its own cap, else the rate it
+// has kept, else the display's; never shorter than a vsync.
+int64_t App::frameInterval() const {
+    const double target = mLayer.targetFps.load();
+    const double cadenceFps = mLayer.cadenceFps.load();
+    const double rate = target > 0 ? target
+            : mLayer.setup.fpsCap > 0 ? mLayer.setup.fpsCap
+            : cadenceFps > 0 ? cadenceFps : 0;
+    const int64_t period = mCompositor.periodNs();
+    return rate > 0 ? std::max(period, static_cast<int64_t>(std::llround(1e9 / rate))) : period;
+}
+
 // One frame; false when the app is done.
 bool App::frame() {
     const LayerSetup& setup = mLayer.setup;
@@ -92,22 +112,24 @@ bool App::frame() {
     Frame frame;
     frame.number = ++mFrames;
     frame.startNs = android::platform::now();
+    frame.intervalNs = frameInterval();
     const std::optional<FrameWork> work = mLayer.work.next(frame.startNs - mRunStartNs);
     if (!work) return false;
     frame.heavy = work->heavy;
     if (setup.smartTouch) aPelyxSetVsyncTime(mCompositor.nextVsyncAfter(frame.startNs));
-    frame.touchNs = mLayer.input.sample();
+    frame.touchNs = mLayer.input.sampleAtFrameStart();
 
     // Input and simulation, then the buffer (the wait when every other one is queued), then
-    // the rendering into it.
+    // the rendering into it, whose GPU share goes to the GPU before the queue.
     const int64_t beforeDequeue = static_cast<int64_t>(static_cast<double>(work->cpuNs) * setup.work.dequeueAt);
-    android::platform::traceBegin(("work " + setup.label).c_str());
-    sleepFor(beforeDequeue);
-    android::platform::traceEnd();
-    if (!mLayer.queue.dequeue()) return false;
-    android::platform::traceBegin(("work " + setup.label).c_str());
-    sleepFor(work->cpuNs - beforeDequeue);
-    android::platform::traceEnd();
+    this->work(beforeDequeue);
+    const int64_t beforeWait = android::platform::now();
+    int64_t releaseNs = 0;
+    if (!mLayer.queue.dequeue(&releaseNs)) return false;
+    frame.dequeueWaitNs = android::platform::now() - beforeWait;
+    this->work(work->cpuNs - beforeDequeue);
+    frame.gpuWorkNs = work->gpuNs;
+    if (work->gpuNs > 0) frame.fenceFd = FakeDevices::instance().submitGpuWork(mLayer.index, work->gpuNs, releaseNs);
 
     bool autoTimestamp = true;
     int64_t desiredPresent = 0;
@@ -118,26 +140,29 @@ bool App::frame() {
     }
     const int64_t before = android::platform::now();
     frame.instant = !autoTimestamp && desiredPresent <= before;
+    frame.desiredPresentNs = autoTimestamp ? before : desiredPresent;
     android::platform::traceBegin(("queue " + setup.label).c_str());
     // The compositor's queue path: the flag is whether the buffer carries an automatic
     // timestamp, the value 1 marks an instant buffer, the timestamp is the desired present time.
     pelyxTrackBufferIncrement(setup.name.c_str(), setup.id, autoTimestamp, frame.instant ? 1 : 0,
-                              autoTimestamp ? before : desiredPresent);
+                              frame.desiredPresentNs);
     android::platform::traceEnd();
     const int64_t after = android::platform::now();
-    if (after - before > kHoldNs) {
-        mLayer.holdsMs.push_back(static_cast<double>(after - before) / 1e6);
+    frame.holdNs = after - before;
+    if (frame.holdNs > kHoldNs) {
+        mLayer.noteAct(before);
+        mLayer.holdsMs.push_back(static_cast<double>(frame.holdNs) / 1e6);
         if (mLayer.targetFps.load() <= 0) ++mLayer.quickTouchHolds;
     }
     frame.queueNs = after;
-    if (work->gpuNs > 0) {
-        frame.fenceFd = FakeDevices::instance().createFence(mLayer.index, after + work->gpuNs);
-    }
     mLayer.queue.queue(frame);
     mLayer.queueTimes.push_back(after);
     mLayer.cadenceFps.store(cadence(mLayer.queueTimes));
     mLayer.framesQueued.fetch_add(1);
-    if (frame.instant) ++mLayer.instantBuffers;
+    if (frame.instant) {
+        ++mLayer.instantBuffers;
+        mLayer.noteAct(before);
+    }
     if (setup.smartTouch) aPelyxQueueBuffer(false);
     return true;
 }

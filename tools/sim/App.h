@@ -2,16 +2,18 @@
 
 // One app's render thread for one layer, with the app's pid and uid as the calling identity of
 // the compositor's queue path. Each frame: sample input, work (sleep) for the first share of the
-// frame's time, take a free buffer (waiting while every other one is queued), work the rest,
-// then queue through pelyxTrackBufferIncrement, which the library may hold; with smart touch the
-// app-side functions wrap the queue. The thread ends at the stop signal, at the layer's stop
-// time, or when its replay runs out.
+// frame's CPU time, take a free buffer (waiting while every other one is queued), work the rest,
+// submit the frame's GPU work (which starts once the GPU is free and the buffer released), then
+// queue through pelyxTrackBufferIncrement, which the library may hold; with smart touch the
+// app-side functions wrap the queue. CPU work runs faster while the CPU model says so. The
+// thread ends at the stop signal, at the layer's stop time, or when its replay runs out.
 
 #include <cstdint>
 #include <thread>
 
 #include "BufferQueue.h"
 #include "Compositor.h"
+#include "Cpu.h"
 #include "LayerRuntime.h"
 
 namespace pelyx_sim {
@@ -21,7 +23,8 @@ public:
     // A hold is a queue call that took longer than this.
     static constexpr int64_t kHoldNs = 500'000;
 
-    App(LayerRuntime& layer, const Compositor& compositor, const StopSignal& stop, int64_t runStartNs);
+    App(LayerRuntime& layer, const Compositor& compositor, const CpuModel& cpu, const StopSignal& stop,
+        int64_t runStartNs);
     ~App();
 
     void start();
@@ -32,9 +35,12 @@ public:
 private:
     void run();
     bool frame();
+    void work(int64_t ns);
+    int64_t frameInterval() const;
 
     LayerRuntime& mLayer;
     const Compositor& mCompositor;
+    const CpuModel& mCpu;
     const StopSignal& mStop;
     const int64_t mRunStartNs;
     int64_t mLastCapStartNs = 0;

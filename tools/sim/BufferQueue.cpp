@@ -11,13 +11,14 @@ int64_t monotonicNs() {
 }
 } // namespace
 
-BufferQueue::BufferQueue(int buffers) : mFree(buffers) {}
+BufferQueue::BufferQueue(int buffers) : mFree(static_cast<size_t>(buffers), 0) {}
 
-bool BufferQueue::dequeue() {
+bool BufferQueue::dequeue(int64_t* releaseNs) {
     android::Mutex::Autolock lock(mLock);
-    while (mFree == 0 && !mClosed) mFreed.wait(mLock);
+    while (mFree.empty() && !mClosed) mFreed.wait(mLock);
     if (mClosed) return false;
-    --mFree;
+    *releaseNs = mFree.front();
+    mFree.pop_front();
     return true;
 }
 
@@ -26,9 +27,9 @@ void BufferQueue::queue(const Frame& frame) {
     mQueued.push_back(frame);
 }
 
-void BufferQueue::cancel() {
+void BufferQueue::cancel(int64_t releaseNs) {
     android::Mutex::Autolock lock(mLock);
-    ++mFree;
+    mFree.push_front(releaseNs);
     mFreed.broadcast();
 }
 
@@ -38,13 +39,13 @@ std::optional<Frame> BufferQueue::oldest() const {
     return mQueued.front();
 }
 
-int BufferQueue::latch(Frame* latched) {
+int BufferQueue::latch(Frame* latched, int64_t presentNs) {
     android::Mutex::Autolock lock(mLock);
     if (mQueued.empty()) return 0;
     *latched = mQueued.front();
     mQueued.pop_front();
     if (mOnScreen) {
-        ++mFree;
+        mFree.push_back(presentNs);
         mFreed.broadcast();
     }
     mOnScreen = true;
@@ -58,7 +59,7 @@ int BufferQueue::queued() const {
 
 int BufferQueue::freeBuffers() const {
     android::Mutex::Autolock lock(mLock);
-    return mFree;
+    return static_cast<int>(mFree.size());
 }
 
 void BufferQueue::close() {

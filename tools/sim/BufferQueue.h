@@ -2,9 +2,10 @@
 
 // One layer's buffers between its app (producer) and the compositor (consumer), as a FIFO
 // buffer queue: a fixed number of buffers, one of them on screen once the first frame was
-// latched; the app waits for a free one when all others are queued. Latching a frame releases
-// the one that was on screen. Thread-safe: the app thread dequeues and queues, the compositor
-// thread latches, the main thread closes.
+// latched; the app waits for a free one when all others are queued. Latching a frame hands the
+// one that was on screen back to the app with a release fence: the display reads it until the
+// new frame is presented, so the GPU may draw into it only from then on. Thread-safe: the app
+// thread dequeues and queues, the compositor thread latches, the main thread closes.
 
 #include <android-base/thread_annotations.h>
 #include <utils/Condition.h>
@@ -13,6 +14,7 @@
 #include <cstdint>
 #include <deque>
 #include <optional>
+#include <vector>
 
 namespace pelyx_sim {
 
@@ -20,8 +22,13 @@ struct Frame {
     uint64_t number = 0;
     int64_t startNs = 0;  // the app began drawing it and sampled input
     int64_t touchNs = 0;  // the newest touch it reflects; 0: no touch since the frame before
-    int64_t queueNs = 0;  // handed to the compositor
-    int fenceFd = -1;     // the GPU fence; -1: none
+    int64_t dequeueWaitNs = 0;  // blocked for a free buffer
+    int64_t holdNs = 0;         // inside the library's queue path
+    int64_t queueNs = 0;        // handed to the compositor
+    int64_t desiredPresentNs = 0;  // the buffer's timestamp: not latched for an earlier present
+    int64_t intervalNs = 0;     // the frame time the app runs at (its target, cap or rate)
+    int64_t gpuWorkNs = 0;      // at the GPU's base clock
+    int fenceFd = -1;           // the GPU fence; -1: none
     bool instant = false;
     bool heavy = false;
 };
@@ -30,18 +37,20 @@ class BufferQueue {
 public:
     explicit BufferQueue(int buffers);
 
-    // App: blocks until a buffer is free; false once the queue is closed.
-    bool dequeue() EXCLUDES(mLock);
+    // App: blocks until a buffer is free; false once the queue is closed. `releaseNs`: when the
+    // display lets go of it.
+    bool dequeue(int64_t* releaseNs) EXCLUDES(mLock);
     // App: the dequeued buffer, drawn, goes to the compositor.
     void queue(const Frame& frame) EXCLUDES(mLock);
     // App: the dequeued buffer goes back unused.
-    void cancel() EXCLUDES(mLock);
+    void cancel(int64_t releaseNs) EXCLUDES(mLock);
 
     // Compositor: the oldest queued frame, left in place.
     std::optional<Frame> oldest() const EXCLUDES(mLock);
-    // Compositor: takes the oldest queued frame (there must be one) and releases the frame on
-    // screen to the app. Returns the number of frames still queued.
-    int latch(Frame* latched) EXCLUDES(mLock);
+    // Compositor: takes the oldest queued frame (there must be one), to be presented at
+    // `presentNs`, and releases the frame on screen to the app from then on. Returns the
+    // number of frames still queued.
+    int latch(Frame* latched, int64_t presentNs) EXCLUDES(mLock);
 
     int queued() const EXCLUDES(mLock);
     int freeBuffers() const EXCLUDES(mLock);
@@ -52,7 +61,7 @@ public:
 private:
     mutable android::Mutex mLock;
     android::Condition mFreed;
-    int mFree GUARDED_BY(mLock);
+    std::deque<int64_t> mFree GUARDED_BY(mLock);  // release times, oldest freed first
     bool mOnScreen GUARDED_BY(mLock) = false;
     bool mClosed GUARDED_BY(mLock) = false;
     std::deque<Frame> mQueued GUARDED_BY(mLock);

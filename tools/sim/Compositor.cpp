@@ -17,6 +17,9 @@
 namespace pelyx_sim {
 namespace {
 
+// A buffer whose desired present time is within this of the present is due (clock jitter).
+constexpr int64_t kDueSlackNs = 1'000'000;
+
 void sleepUntil(int64_t deadlineNs) {
     timespec ts{static_cast<time_t>(deadlineNs / 1'000'000'000),
                 static_cast<long>(deadlineNs % 1'000'000'000)};
@@ -32,10 +35,11 @@ public:
 
 } // namespace
 
-Compositor::Compositor(std::vector<LayerRuntime*> layers, double refreshHz, bool recordFrames)
+Compositor::Compositor(std::vector<LayerRuntime*> layers, double refreshHz, const DeviceModel& device)
       : mLayers(std::move(layers)),
-        mRecordFrames(recordFrames),
         mPeriodNs(static_cast<int64_t>(std::llround(1e9 / refreshHz))),
+        mLatchOffsetNs(static_cast<int64_t>(std::llround(device.latchOffsetMsAt(refreshHz) * 1e6))),
+        mPresentDelay(device.presentDelayVsyncs),
         mRefreshHz(refreshHz) {}
 
 Compositor::~Compositor() {
@@ -58,6 +62,10 @@ int64_t Compositor::nextVsyncAfter(int64_t t) const {
     return start + ((t - start) / mPeriodNs + 1) * mPeriodNs;
 }
 
+VsyncGrid Compositor::grid() const {
+    return VsyncGrid{mStartNs.load(), mPeriodNs, mLatchOffsetNs, mPresentDelay};
+}
+
 void Compositor::run() {
     android::platform::setThreadName("sim vsync");
     // A compositor's main thread runs in the real-time class; without the privilege it runs on
@@ -71,28 +79,40 @@ void Compositor::run() {
         sleepUntil(next);
         const int64_t woke = android::platform::now();
         mLatenessMs.push_back(static_cast<double>(woke - next) / 1e6);
-        tick(next);
+        // Ticks slept through are signalled all the same; only the last one latches.
+        while (woke >= next + mPeriodNs) {
+            lateTick(next);
+            next += mPeriodNs;
+        }
+        tick(next, woke);
         mTicks.fetch_add(1);
         next += mPeriodNs;
-        // A thread that woke more than a period late skips the vsyncs it slept through.
-        const int64_t now = android::platform::now();
-        while (next + mPeriodNs <= now) {
-            next += mPeriodNs;
-            ++mMissed;
-        }
     }
 }
 
-void Compositor::tick(int64_t vsyncNs) {
+void Compositor::lateTick(int64_t tickNs) {
+    Slice slice("vsync (late)");
+    pelyxTrackVsyncSignal();
+    mLateTicks.insert(tickNs);
+    ++mMissed;
+    mTicks.fetch_add(1);
+}
+
+void Compositor::tick(int64_t tickNs, int64_t wokeNs) {
     Slice slice("vsync");
     pelyxTrackVsyncSignal();
 
     for (LayerRuntime* layer : mLayers) {
-        if (layer->hasPendingPresent) {
-            layer->hasPendingPresent = false;
-            present(*layer, layer->pendingPresent, vsyncNs);
+        while (!layer->pendingPresents.empty() && layer->pendingPresents.front().presentNs <= wokeNs) {
+            present(*layer, layer->pendingPresents.front());
+            layer->pendingPresents.pop_front();
         }
     }
+
+    // A latch the thread reached after its vsync is shown at the next one.
+    int64_t presentNs = grid().presentOf(tickNs);
+    while (presentNs <= wokeNs) presentNs += mPeriodNs;
+    if (presentNs != grid().presentOf(tickNs)) mLateTicks.insert(tickNs);
 
     FakeDevices& devices = FakeDevices::instance();
     bool unsignaled = false;
@@ -100,7 +120,8 @@ void Compositor::tick(int64_t vsyncNs) {
         const std::optional<Frame> oldest = layer->queue.oldest();
         if (!oldest) continue;
         const int64_t now = android::platform::now();
-        if (oldest->fenceFd >= 0 && devices.signalTime(oldest->fenceFd) > now) {
+        const int64_t readyNs = oldest->fenceFd >= 0 ? devices.signalTime(oldest->fenceFd) : oldest->queueNs;
+        if (readyNs > now) {
             // The GPU is still at it: the buffer stays queued; the library hears of the fence.
             if (layer->lastLateFrame != oldest->number) {
                 layer->lastLateFrame = oldest->number;
@@ -110,34 +131,39 @@ void Compositor::tick(int64_t vsyncNs) {
             unsignaled = true;
             continue;
         }
+        if (oldest->desiredPresentNs > presentNs + kDueSlackNs) continue;  // not due yet
+
         Slice latch("latch " + layer->setup.label);
-        Frame frame;
-        const int pending = layer->queue.latch(&frame);
-        if (frame.fenceFd >= 0) devices.releaseFence(frame.fenceFd);
+        PresentRecord record;
+        const int pending = layer->queue.latch(&record.frame, presentNs);
+        if (record.frame.fenceFd >= 0) {
+            record.gpuStartNs = devices.gpuStartTime(record.frame.fenceFd);
+            devices.releaseFence(record.frame.fenceFd);
+        }
+        record.readyNs = readyNs;
+        record.latchNs = tickNs;
+        record.presentNs = presentNs;
+        layer->pendingPresents.push_back(record);
         const Bounds& b = layer->setup.bounds;
         const PelyxRect bounds{b.left, b.top, b.right, b.bottom};
         pelyxTrackBufferDecrement(layer->setup.name.c_str(), layer->setup.id, pending, &bounds,
                                   layer->setup.focused, layer->setup.visible);
-        layer->pendingPresent = frame;
-        layer->hasPendingPresent = true;
         android::platform::traceCounter(("queued " + layer->setup.label).c_str(), pending);
     }
     if (unsignaled) pelyxFlushLatchUnsignaledGpuFences();
 }
 
-void Compositor::present(LayerRuntime& layer, const Frame& frame, int64_t vsyncNs) {
+void Compositor::present(LayerRuntime& layer, PresentRecord record) {
     Slice slice("present " + layer.setup.label);
-    // Until the app's rhythm is known no present is judged.
+    // Until the app's rhythm is known no present is judged by it.
     const double cadence = layer.cadenceFps.load();
-    const bool late = layer.janks.onPresent(
-            vsyncNs, mPeriodNs,
+    record.rhythmLate = layer.janks.onPresent(
+            record.presentNs, mPeriodNs,
             cadence > 0 ? allowedVsyncs(mRefreshHz, cadence) : std::numeric_limits<int>::max());
-    if (mRecordFrames) layer.presents.push_back({frame, vsyncNs, late});
-    if (frame.touchNs > 0) {
-        layer.inputToPresentMs.push_back(static_cast<double>(vsyncNs - frame.touchNs) / 1e6);
-    }
-    if (layer.firstPresentNs < 0) layer.firstPresentNs = vsyncNs;
-    layer.lastPresentNs = vsyncNs;
+    record.verdict = judgeFrame(record.frame, record.readyNs, record.presentNs, grid(), mLateTicks);
+    if (layer.firstPresentNs < 0) layer.firstPresentNs = record.presentNs;
+    layer.lastPresentNs = record.presentNs;
+    layer.presents.push_back(record);
     layer.framesPresented.fetch_add(1);
 }
 

@@ -1,55 +1,66 @@
 #pragma once
 
 // The compositor's vsync thread: ticks at the display's refresh rate on absolute monotonic
-// deadlines, tells the library about each vsync, presents what it latched at the tick before,
-// and latches the oldest ready buffer of every layer (a buffer is ready once its GPU fence has
-// signalled; an unsignalled one is reported to the library and waits). One thread, started and
-// stopped by the simulator's main thread; the layers outlive it.
+// deadlines, a latch offset before each vsync. Each tick tells the library about the vsync,
+// records what reached the screen since the tick before, and latches the oldest ready buffer of
+// every layer: queued, its GPU fence signalled (an unsignalled one is reported to the library and
+// waits) and its desired present time due. What a tick latches is presented the offset (plus
+// any further present delay) later. A tick the thread oversleeps is still signalled to the
+// library, late, without a latch. One thread, started and stopped by the simulator's main
+// thread; the layers outlive it.
 
 #include <atomic>
 #include <cstdint>
+#include <set>
 #include <thread>
 #include <vector>
 
 #include "BufferQueue.h"
+#include "FrameTimeline.h"
 #include "LayerRuntime.h"
+#include "Scenario.h"
 
 namespace pelyx_sim {
 
 class Compositor {
 public:
-    // `recordFrames`: every present is kept in its layer's `presents`.
-    Compositor(std::vector<LayerRuntime*> layers, double refreshHz, bool recordFrames);
+    Compositor(std::vector<LayerRuntime*> layers, double refreshHz, const DeviceModel& device);
     ~Compositor();
 
     int64_t periodNs() const { return mPeriodNs; }
 
-    // The first vsync falls one period after `startNs`.
+    // The first tick falls one period after `startNs`.
     void start(int64_t startNs);
     // Returns once the thread has ended.
     void stop();
 
-    // The vsync a frame started at `t` is drawn for: the first one after `t`. Any thread.
+    // The tick a frame started at `t` is drawn for: the first one after `t`. Any thread.
     int64_t nextVsyncAfter(int64_t t) const;
+    // Valid once started. Any thread.
+    VsyncGrid grid() const;
 
     int64_t ticks() const { return mTicks.load(); }
-    // After stop(): ticks the thread woke up too late for, and how late it woke (ms).
+    // After stop(): ticks the thread overslept (signalled late, nothing latched), and how late
+    // it woke for each tick (ms).
     int64_t missed() const { return mMissed; }
     const std::vector<double>& latenessMs() const { return mLatenessMs; }
 
 private:
     void run();
-    void tick(int64_t vsyncNs);
-    void present(LayerRuntime& layer, const Frame& frame, int64_t vsyncNs);
+    void lateTick(int64_t tickNs);
+    void tick(int64_t tickNs, int64_t wokeNs);
+    void present(LayerRuntime& layer, PresentRecord record);
 
     const std::vector<LayerRuntime*> mLayers;
-    const bool mRecordFrames;
     const int64_t mPeriodNs;
+    const int64_t mLatchOffsetNs;
+    const int mPresentDelay;
     const double mRefreshHz;
     std::atomic<int64_t> mStartNs{0};
     std::atomic<bool> mStop{false};
     std::atomic<int64_t> mTicks{0};
     int64_t mMissed = 0;
+    std::set<int64_t> mLateTicks;  // ticks overslept, or whose present had to move
     std::vector<double> mLatenessMs;
     std::thread mThread;
 };

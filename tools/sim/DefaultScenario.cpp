@@ -6,13 +6,23 @@ namespace pelyx_sim {
 // A 60 Hz game, full screen and focused, drawing ahead on three buffers, with a heavy frame
 // (CPU and GPU) every 2 s from 4.5 s on and a drag every second; a chat app in a window at
 // 30 fps. The service pushes headroom rates early, frame-rescue tunables at 3 s, a 45 fps target
-// at 5 s and two activity events; the big-jank threshold is raised at 7 s.
+// at 5 s and two activity events; the big-jank threshold is raised at 7 s. The figures are also
+// given for three phases: the start (the library sees its first frames and touch), quick touch
+// and the 45 fps target.
 const char* const kDefaultScenarioJson = R"json({
   "name": "default",
   "description": "60 Hz game with heavy frames and touch, a windowed chat app, configuration pushes",
   "duration_s": 10,
   "seed": 1,
   "display": { "width": 1080, "height": 2400, "refresh_hz": 60 },
+  "gpu": { "base_mhz": 250, "max_mhz": 1000, "ramp_ms": 2, "withdraw_ms": 16 },
+  "cpu": { "boost_factor": 1.5, "boost_ms": 100, "low_latency_factor": 1.2, "ramp_ms": 5 },
+  "compositor": { "present_delay_vsyncs": 1 },
+  "phases": [
+    { "name": "start", "from_s": 0 },
+    { "name": "quick touch", "from_s": 2 },
+    { "name": "45 fps target", "from_s": 5 }
+  ],
   "properties": {
     "vendor.perf.phr.enable": "1",
     "vendor.ruvo.enable.target_fps": "true",

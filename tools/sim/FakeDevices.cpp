@@ -36,13 +36,15 @@ FakeDevices& FakeDevices::instance() {
     return *sDevices;
 }
 
-void FakeDevices::install() {
+void FakeDevices::install(double gpuBaseMhz, double gpuMaxMhz, int64_t gpuRampNs, int64_t gpuWithdrawNs) {
     {
         android::Mutex::Autolock lock(mLock);
+        mGpu = std::make_unique<Gpu>(gpuBaseMhz, gpuMaxMhz, gpuRampNs, gpuWithdrawNs);
         mBoosts.clear();
         mBoostOpens = 0;
         mFences.clear();
         mDeadlines.clear();
+        mFirstDeadlineNs = -1;
         mFenceQueries = 0;
     }
     android::platform::host::setIoctlTable(&kTable);
@@ -62,12 +64,14 @@ int FakeDevices::boostOpens() const {
     return mBoostOpens;
 }
 
-int FakeDevices::createFence(int layer, int64_t signalNs) {
+int FakeDevices::submitGpuWork(int layer, int64_t workNs, int64_t notBeforeNs) {
     android::Mutex::Autolock lock(mLock);
     for (int tries = 0; tries < kFenceFdRange; ++tries) {
         const int fd = kFirstFenceFd + mNextFence;
         mNextFence = (mNextFence + 1) % kFenceFdRange;
-        if (mFences.emplace(fd, Fence{layer, signalNs}).second) return fd;
+        if (mFences.count(fd)) continue;
+        mFences[fd] = Fence{layer, mGpu->submit(android::platform::now(), workNs, notBeforeNs)};
+        return fd;
     }
     return -1;  // every descriptor in use: the buffer goes without a fence
 }
@@ -75,18 +79,32 @@ int FakeDevices::createFence(int layer, int64_t signalNs) {
 int64_t FakeDevices::signalTime(int fd) const {
     android::Mutex::Autolock lock(mLock);
     auto it = mFences.find(fd);
-    return it == mFences.end() ? -1 : it->second.signalNs;
+    return it == mFences.end() ? -1 : mGpu->endOf(it->second.job, android::platform::now());
+}
+
+int64_t FakeDevices::gpuStartTime(int fd) const {
+    android::Mutex::Autolock lock(mLock);
+    auto it = mFences.find(fd);
+    return it == mFences.end() ? -1 : mGpu->startOf(it->second.job, android::platform::now());
 }
 
 void FakeDevices::releaseFence(int fd) {
     android::Mutex::Autolock lock(mLock);
-    mFences.erase(fd);
+    auto it = mFences.find(fd);
+    if (it == mFences.end()) return;
+    mGpu->forget(it->second.job);
+    mFences.erase(it);
 }
 
 int FakeDevices::deadlineRequests(int layer) const {
     android::Mutex::Autolock lock(mLock);
     auto it = mDeadlines.find(layer);
     return it == mDeadlines.end() ? 0 : it->second;
+}
+
+int64_t FakeDevices::firstDeadlineNs() const {
+    android::Mutex::Autolock lock(mLock);
+    return mFirstDeadlineNs;
 }
 
 int FakeDevices::fenceQueries() const {
@@ -123,6 +141,7 @@ int FakeDevices::ioctlLocked(int fd, unsigned long request, void* arg) {
         int32_t record[3];
         memcpy(record, arg, sizeof(record));
         mBoosts.push_back({now, record[0], record[1], record[2]});
+        if (record[0] >= 0 && record[0] <= 3) mGpu->request(now, record[0] == 0 ? 0 : record[2]);
         return 0;
     }
     auto fence = mFences.find(fd);
@@ -134,15 +153,14 @@ int FakeDevices::ioctlLocked(int fd, unsigned long request, void* arg) {
         ++mFenceQueries;
         SyncFileInfo info{};
         strncpy(info.name, kFenceTimeline, sizeof(info.name) - 1);
-        info.status = fence->second.signalNs <= now ? 1 : 0;
+        info.status = mGpu->endOf(fence->second.job, now) <= now ? 1 : 0;
         memcpy(arg, &info, sizeof(info));
         return 0;
     }
     if (request == kSyncSetDeadline) {
         ++mDeadlines[fence->second.layer];
-        if (fence->second.signalNs > now) {
-            fence->second.signalNs = now + (fence->second.signalNs - now) / 2;
-        }
+        if (mFirstDeadlineNs < 0) mFirstDeadlineNs = now;
+        mGpu->hurry(fence->second.job, now);
         return 0;
     }
     errno = ENOTTY;

@@ -1,9 +1,9 @@
 #pragma once
 
 // Plays the devices behind the library's ioctl table: the GPU boost device "/dev/vorla", whose
-// records are kept with their time, and the GPU fences of queued buffers, answering the
-// sync-file requests. A deadline request on a late fence makes the fake GPU hurry: the rest of
-// its work takes half as long. Every other descriptor goes to the real calls.
+// records are kept with their time and set the GPU's clock, and the fences of the GPU work of
+// queued buffers, answering the sync-file requests; a deadline request on a fence raises the
+// GPU's clock until it signals. Every other descriptor goes to the real calls.
 // Thread-safe: the library calls in from its threads, the simulator from its own.
 
 #include <android-base/thread_annotations.h>
@@ -11,8 +11,10 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <vector>
 
+#include "Gpu.h"
 #include "Stats.h"
 
 namespace pelyx_sim {
@@ -31,20 +33,27 @@ public:
 
     static FakeDevices& instance();
 
-    // Installs the table (and forgets earlier records); uninstall restores the real calls.
-    void install();
+    // Installs the table with a fresh GPU (and forgets earlier records); uninstall restores the
+    // real calls.
+    void install(double gpuBaseMhz = 250, double gpuMaxMhz = 1000, int64_t gpuRampNs = 0,
+                 int64_t gpuWithdrawNs = 0);
     void uninstall();
 
     std::vector<BoostRecord> boostRecords() const EXCLUDES(mLock);
     int boostOpens() const EXCLUDES(mLock);
 
-    // A fence of `layer` (any index the caller chooses) that signals at `signalNs` (monotonic).
-    int createFence(int layer, int64_t signalNs) EXCLUDES(mLock);
-    // When the fence signals, after any hurry; -1 for an unknown descriptor.
+    // GPU work of `layer` (any index the caller chooses), `workNs` at the base clock, submitted
+    // now and not to start before `notBeforeNs`; returns the fence that signals when it is done.
+    int submitGpuWork(int layer, int64_t workNs, int64_t notBeforeNs) EXCLUDES(mLock);
+    // When the fence signals, as far as is known now; -1 for an unknown descriptor.
     int64_t signalTime(int fd) const EXCLUDES(mLock);
+    // When the GPU started the fence's work; -1 for an unknown descriptor.
+    int64_t gpuStartTime(int fd) const EXCLUDES(mLock);
     void releaseFence(int fd) EXCLUDES(mLock);
     // Deadline requests the library made on fences of `layer`.
     int deadlineRequests(int layer) const EXCLUDES(mLock);
+    // When the library made its first deadline request; -1: none.
+    int64_t firstDeadlineNs() const EXCLUDES(mLock);
     // Fence-info queries answered (the library looks a layer's fence origin up once).
     int fenceQueries() const EXCLUDES(mLock);
 
@@ -56,7 +65,7 @@ public:
 private:
     struct Fence {
         int layer = 0;
-        int64_t signalNs = 0;
+        uint64_t job = 0;
     };
 
     FakeDevices() = default;
@@ -64,11 +73,13 @@ private:
     int ioctlLocked(int fd, unsigned long request, void* arg) REQUIRES(mLock);
 
     mutable android::Mutex mLock;
+    std::unique_ptr<Gpu> mGpu GUARDED_BY(mLock);
     std::vector<BoostRecord> mBoosts GUARDED_BY(mLock);
     int mBoostOpens GUARDED_BY(mLock) = 0;
     std::map<int, Fence> mFences GUARDED_BY(mLock);
     int mNextFence GUARDED_BY(mLock) = 0;
     std::map<int, int> mDeadlines GUARDED_BY(mLock);
+    int64_t mFirstDeadlineNs GUARDED_BY(mLock) = -1;
     int mFenceQueries GUARDED_BY(mLock) = 0;
 };
 

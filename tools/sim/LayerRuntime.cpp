@@ -5,12 +5,19 @@ namespace pelyx_sim {
 void TouchInput::deliver(int64_t eventNs) {
     android::Mutex::Autolock lock(mLock);
     mNewest = eventNs;
+    mHeld = 0;
 }
 
-int64_t TouchInput::sample() {
+void TouchInput::hold(int64_t eventNs) {
+    android::Mutex::Autolock lock(mLock);
+    mHeld = eventNs;
+}
+
+int64_t TouchInput::sampleAtFrameStart() {
     android::Mutex::Autolock lock(mLock);
     const int64_t newest = mNewest;
-    mNewest = 0;
+    mNewest = mHeld;
+    mHeld = 0;
     return newest;
 }
 

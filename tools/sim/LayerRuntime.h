@@ -9,33 +9,45 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <vector>
 
 #include "BufferQueue.h"
+#include "FrameTimeline.h"
 #include "Scenario.h"
 #include "Stats.h"
 #include "WorkSource.h"
 
 namespace pelyx_sim {
 
-// Touch events on their way to an app: the input thread delivers them, the app's render thread
-// samples the newest one when it starts a frame. Thread-safe.
+// Touch events on their way to an app: the input thread delivers them, or holds a MOVE batch
+// when the library says so; the app's render thread samples the newest delivered event when it
+// starts a frame. A held batch goes out with the next delivery or at the app's next frame start,
+// too late for that frame's sample. Thread-safe.
 class TouchInput {
 public:
+    // Delivers the event, and any batch held before it.
     void deliver(int64_t eventNs) EXCLUDES(mLock);
-    // The newest event delivered since the previous sample; 0 when there is none.
-    int64_t sample() EXCLUDES(mLock);
+    void hold(int64_t eventNs) EXCLUDES(mLock);
+    // At a frame start: the newest event delivered since the previous sample (0: none); then
+    // the held batch is delivered.
+    int64_t sampleAtFrameStart() EXCLUDES(mLock);
 
 private:
     android::Mutex mLock;
     int64_t mNewest GUARDED_BY(mLock) = 0;
+    int64_t mHeld GUARDED_BY(mLock) = 0;
 };
 
 struct PresentRecord {
     Frame frame;
+    int64_t gpuStartNs = -1;  // -1: no GPU work
+    int64_t readyNs = 0;      // GPU work done (the queue time without any)
+    int64_t latchNs = 0;      // the tick that latched it
     int64_t presentNs = 0;
-    bool late = false;
+    bool rhythmLate = false;
+    FrameVerdict verdict;
 };
 
 struct LayerRuntime {
@@ -67,18 +79,25 @@ struct LayerRuntime {
     // Compositor thread.
     std::atomic<int64_t> framesPresented{0};
     JankCounter janks;
-    std::vector<double> inputToPresentMs;
     int lateFences = 0;
     uint64_t lastLateFrame = 0;
-    bool hasPendingPresent = false;
-    Frame pendingPresent;
+    std::deque<PresentRecord> pendingPresents;  // latched, not yet on screen
     int64_t firstPresentNs = -1;
     int64_t lastPresentNs = -1;
-    std::vector<PresentRecord> presents;  // only with --frames
+    std::vector<PresentRecord> presents;
 
     // Timeline thread.
     int movesConsumedNow = 0;
     int movesHeld = 0;
+
+    // App and timeline threads: the first time the library changed what this layer does (a
+    // hold, an instant buffer, a held MOVE); -1: never.
+    std::atomic<int64_t> firstActNs{-1};
+    void noteAct(int64_t t) {
+        int64_t seen = firstActNs.load();
+        while ((seen < 0 || t < seen) && !firstActNs.compare_exchange_weak(seen, t)) {
+        }
+    }
 };
 
 } // namespace pelyx_sim

@@ -23,13 +23,15 @@ options:
                        PresentMon/OCAT capture as its per-frame work time
   --prop KEY=VALUE     sets a property before start (after the scenario's)
   --seed N             seed of the work-time models
+  --phase-split S      with a scenario that names no phases: split the figures at S seconds
+                       (default: where the library first acts)
   --summary FILE       writes the JSON summary
   --trace FILE         writes a Trace Event Format trace (opens in the Perfetto UI); turns the
                        library's debug switch on unless a scenario or --prop sets it
   --log FILE           writes every library log line to FILE
   --frames FILE        writes one CSV row per presented frame (times, latencies, janks)
-  --compare            runs the scenario twice, library disabled then enabled, and prints
-                       the differences side by side
+  --compare            runs the scenario twice, library enabled then disabled (split into
+                       the same phases), and prints the differences side by side
   --disable            runs with the library switched off
   --quiet              no progress line and no report
   --print-default      prints the built-in scenario and exits
@@ -111,6 +113,10 @@ Options parseOptions(const std::vector<std::string>& args) {
             auto replay = splitAssignment(arg, value());
             if (replay.second.empty()) throw UsageError(arg + ": no capture file given");
             o.replays.push_back(replay);
+        } else if (arg == "--phase-split") {
+            const double at = parseNumber(arg, value());
+            if (at < 0 || at > 3600) throw UsageError(arg + ": must be from 0 to 3600");
+            o.phaseSplitS = at;
         } else if (arg == "--summary") {
             o.summaryPath = file();
         } else if (arg == "--trace") {

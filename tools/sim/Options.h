@@ -22,6 +22,7 @@ struct Options {
     std::optional<double> durationS;
     std::optional<double> refreshHz;
     std::optional<uint32_t> seed;
+    std::optional<double> phaseSplitS;
     std::vector<std::pair<std::string, std::string>> props;    // --prop KEY=VALUE, in order
     std::vector<std::pair<std::string, std::string>> replays;  // --replay LAYER=FILE
     std::string summaryPath;

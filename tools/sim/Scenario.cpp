@@ -294,6 +294,55 @@ TimelineEvent parseEvent(const Json::Value& v, const std::string& path) {
     return e;
 }
 
+DeviceModel parseDevice(Fields& f) {
+    DeviceModel d;
+    if (const Json::Value* v = f.get("gpu")) {
+        Fields g(*v, "gpu");
+        d.gpuBaseMhz = g.number("base_mhz", d.gpuBaseMhz, 1.0, 10000.0);
+        d.gpuMaxMhz = g.number("max_mhz", d.gpuMaxMhz, 1.0, 10000.0);
+        d.gpuRampMs = g.number("ramp_ms", d.gpuRampMs, 0.0, 1000.0);
+        d.gpuWithdrawMs = g.number("withdraw_ms", d.gpuWithdrawMs, 0.0, 1000.0);
+        g.finish();
+        if (d.gpuMaxMhz < d.gpuBaseMhz) throw ScenarioError("gpu.max_mhz", "must be at least base_mhz");
+    }
+    if (const Json::Value* v = f.get("cpu")) {
+        Fields c(*v, "cpu");
+        d.cpuBoostFactor = c.number("boost_factor", d.cpuBoostFactor, 1.0, 10.0);
+        d.cpuBoostMs = c.number("boost_ms", d.cpuBoostMs, 0.0, 60000.0);
+        d.cpuLowLatencyFactor = c.number("low_latency_factor", d.cpuLowLatencyFactor, 1.0, 10.0);
+        d.cpuRampMs = c.number("ramp_ms", d.cpuRampMs, 0.0, 1000.0);
+        c.finish();
+    }
+    if (const Json::Value* v = f.get("compositor")) {
+        Fields c(*v, "compositor");
+        d.latchOffsetMs = c.number("latch_offset_ms", d.latchOffsetMs, 0.0, 1000.0, true);
+        d.presentDelayVsyncs = static_cast<int>(c.integer("present_delay_vsyncs", 1, 1, 8));
+        c.finish();
+    }
+    return d;
+}
+
+std::vector<Phase> parsePhases(const Json::Value& v) {
+    requireArray(v, "phases");
+    std::vector<Phase> phases;
+    std::set<std::string> names;
+    for (Json::ArrayIndex i = 0; i < v.size(); ++i) {
+        Fields p(v[i], indexed("phases", i));
+        Phase phase;
+        phase.name = p.string("name", "", true);
+        if (!p.get("name")) throw ScenarioError(p.path("name"), "missing");
+        phase.fromS = p.number("from_s", 0.0, 0.0, 3600.0);
+        p.finish();
+        if (i == 0 && phase.fromS != 0) throw ScenarioError(p.path("from_s"), "the first phase must start at 0");
+        if (i > 0 && phase.fromS <= phases.back().fromS) {
+            throw ScenarioError(p.path("from_s"), "must be after the phase before");
+        }
+        if (!names.insert(phase.name).second) throw ScenarioError(p.path("name"), "used twice");
+        phases.push_back(phase);
+    }
+    return phases;
+}
+
 // jsoncpp reports "* Line 3, Column 5\n  Missing ',' or '}' in object declaration\n...":
 // keep the first error on one line.
 ScenarioError syntaxError(const std::string& errors) {
@@ -351,6 +400,11 @@ void Scenario::setProperty(const std::string& key, const std::string& value) {
 }
 
 void validateScenario(const Scenario& s) {
+    // Below a period, so that each latch still comes before its own vsync (also after --refresh).
+    if (s.device.latchOffsetMs >= 1000.0 / s.refreshHz) {
+        throw ScenarioError("compositor.latch_offset_ms", "must be below the display's period (" +
+                                                                  showNumber(1000.0 / s.refreshHz) + " ms)");
+    }
     std::set<int32_t> ids;
     std::set<std::string> labels;
     int smartTouch = 0;
@@ -427,6 +481,8 @@ Scenario parseScenario(const std::string& text) {
             s.timeline.push_back(parseEvent((*timeline)[i], indexed("timeline", i)));
         }
     }
+    s.device = parseDevice(f);
+    if (const Json::Value* phases = f.get("phases")) s.phases = parsePhases(*phases);
     f.finish();
 
     // Layers without an id get free ones from 1001 on; without a name, a SurfaceView name of

@@ -114,6 +114,35 @@ struct TimelineEvent {
     int count = 1;
 };
 
+// The device under the apps. GPU work times in the scenario are at `gpuBaseMhz`; the GPU runs
+// faster while a boost-device record or a deadline request raises its clock. Render (CPU) work
+// runs faster by the given factors while the service boosts the app or holds its low-latency
+// lock. The compositor latches `latchOffsetMs` before each vsync and presents what it latched
+// `presentDelayVsyncs` vsyncs after the latch.
+struct DeviceModel {
+    double gpuBaseMhz = 250.0;
+    double gpuMaxMhz = 1000.0;
+    double gpuRampMs = 2.0;
+    double gpuWithdrawMs = 16.0;  // a withdrawn boost lasts until the governor's next sample
+    double cpuBoostFactor = 1.5;
+    double cpuBoostMs = 100.0;  // a boost event holds this long unless a level-0 event ends it
+    double cpuLowLatencyFactor = 1.2;
+    double cpuRampMs = 5.0;
+    double latchOffsetMs = -1.0;  // negative: half the display's period
+    int presentDelayVsyncs = 1;
+
+    double latchOffsetMsAt(double refreshHz) const {
+        return latchOffsetMs >= 0 ? latchOffsetMs : 500.0 / refreshHz;
+    }
+};
+
+// A stretch of the run whose figures the summary also gives on their own; it lasts until the
+// next phase's start or the end of the run.
+struct Phase {
+    std::string name;
+    double fromS = 0.0;
+};
+
 struct Scenario {
     std::string name;
     std::string description;
@@ -125,6 +154,9 @@ struct Scenario {
     std::vector<std::pair<std::string, std::string>> properties;  // in file order
     std::vector<AppSetup> apps;
     std::vector<TimelineEvent> timeline;  // sorted by time
+    DeviceModel device;
+    // Sorted by start, the first from 0. Empty: split where the library first acts.
+    std::vector<Phase> phases;
 
     // Every layer in app order; pointers stay valid while the scenario is not modified.
     std::vector<const LayerSetup*> layers() const;

@@ -13,6 +13,7 @@
 
 #include "App.h"
 #include "Compositor.h"
+#include "Cpu.h"
 #include "FakeDevices.h"
 #include "LayerRuntime.h"
 #include "LogSink.h"
@@ -50,9 +51,12 @@ void sleepNs(int64_t ns) {
 struct Session {
     std::vector<std::unique_ptr<LayerRuntime>> layers;
     std::unique_ptr<Compositor> compositor;
+    std::unique_ptr<CpuModel> cpu;
     std::vector<std::unique_ptr<App>> apps;
     std::unique_ptr<Timeline> timeline;
     StopSignal appStop;
+
+    ~Session() { perfd_stub::setCallListener(nullptr); }
 
     std::vector<LayerRuntime*> layerPointers() const {
         std::vector<LayerRuntime*> all;
@@ -133,8 +137,41 @@ double lastSecondRate(const std::vector<int64_t>& queueTimes) {
     return static_cast<double>(frames) * 1e9 / static_cast<double>(end - *first);
 }
 
+// The phases figures are split into: the scenario's, else before and after `splitS` (none
+// when the library never acted).
+std::vector<Phase> phasesOf(const Scenario& s, double splitS) {
+    if (!s.phases.empty()) return s.phases;
+    std::vector<Phase> phases{{"before", 0.0}};
+    if (splitS > 0) phases.push_back({"after", splitS});
+    return phases;
+}
+
+std::vector<PhaseResult> splitByPhase(const LayerRuntime& l, const std::vector<Phase>& phases, int64_t runStart,
+                                      double endS) {
+    std::vector<PhaseResult> results;
+    for (size_t i = 0; i < phases.size(); ++i) {
+        PhaseResult r;
+        r.name = phases[i].name;
+        r.fromS = phases[i].fromS;
+        r.toS = i + 1 < phases.size() ? phases[i + 1].fromS : std::max(endS, r.fromS);
+        results.push_back(r);
+    }
+    for (const PresentRecord& p : l.presents) {
+        const double t = static_cast<double>(p.presentNs - runStart) / 1e9;
+        size_t i = results.size() - 1;
+        while (i > 0 && t < results[i].fromS) --i;
+        PhaseResult& r = results[i];
+        ++r.framesPresented;
+        if (p.frame.touchNs > 0) r.inputToPresentMs.push_back(static_cast<double>(p.presentNs - p.frame.touchNs) / 1e6);
+        r.timeline.add(p.verdict);
+        r.rhythmJanks += p.rhythmLate;
+    }
+    return results;
+}
+
 LayerResult collectLayer(const LayerRuntime& l, const Scenario& s, const ServiceLog& service,
-                         const ServiceConfig& config, bool targetActive, double endS) {
+                         const ServiceConfig& config, bool targetActive, double endS,
+                         const std::vector<Phase>& phases, int64_t runStart) {
     LayerResult r;
     r.label = l.setup.label;
     r.name = l.setup.name;
@@ -149,11 +186,15 @@ LayerResult collectLayer(const LayerRuntime& l, const Scenario& s, const Service
         r.presentedFps = static_cast<double>(r.framesPresented - 1) * 1e9 /
                 static_cast<double>(l.lastPresentNs - l.firstPresentNs);
     }
-    r.janks = l.janks.janks();
+    r.rhythmJanks = l.janks.janks();
+    for (const PresentRecord& p : l.presents) {
+        r.timeline.add(p.verdict);
+        if (p.frame.touchNs > 0) r.inputToPresentMs.push_back(static_cast<double>(p.presentNs - p.frame.touchNs) / 1e6);
+    }
+    r.phases = splitByPhase(l, phases, runStart, endS);
     r.holdsMs = l.holdsMs;
     r.quickTouchHolds = l.quickTouchHolds;
     for (const auto& [level, count] : service.serviceBoosts(l.app.package)) r.serviceBoosts += count;
-    r.inputToPresentMs = l.inputToPresentMs;
     const double target = config.targetFor(l.app.package, l.app.game);
     if (target > 0) r.targetFps = target;
     r.lastSecondFps = lastSecondRate(l.queueTimes);
@@ -211,21 +252,32 @@ std::vector<std::pair<std::string, std::string>> effectiveProperties(const Scena
     return copy.properties;
 }
 
-void writeFrames(const std::string& path, const Session& session, int64_t runStart) {
+void writeFrames(const std::string& path, const Session& session, int64_t runStart, double gpuBaseMhz) {
     FILE* out = fopen(path.c_str(), "w");
     if (!out) throw std::runtime_error(path + ": cannot create the frames file");
     fprintf(out, "layer,frame,start_s,queue_s,present_s,start_to_queue_ms,queue_to_present_ms,"
-                 "touch_to_present_ms,heavy,instant,late\n");
+                 "touch_to_present_ms,heavy,instant,late,expected_present_s,late_cause,late_vsyncs,"
+                 "hold_ms,dequeue_wait_ms,gpu_ms,gpu_mhz\n");
     auto s = [runStart](int64_t t) { return static_cast<double>(t - runStart) / 1e9; };
+    auto ms = [](int64_t ns) { return static_cast<double>(ns) / 1e6; };
     for (const auto& l : session.layers) {
         for (const PresentRecord& p : l->presents) {
             const Frame& f = p.frame;
             fprintf(out, "%s,%llu,%.6f,%.6f,%.6f,%.3f,%.3f,", l->setup.label.c_str(),
                     static_cast<unsigned long long>(f.number), s(f.startNs), s(f.queueNs),
-                    s(p.presentNs), static_cast<double>(f.queueNs - f.startNs) / 1e6,
-                    static_cast<double>(p.presentNs - f.queueNs) / 1e6);
-            if (f.touchNs > 0) fprintf(out, "%.3f", static_cast<double>(p.presentNs - f.touchNs) / 1e6);
-            fprintf(out, ",%d,%d,%d\n", f.heavy, f.instant, p.late);
+                    s(p.presentNs), ms(f.queueNs - f.startNs), ms(p.presentNs - f.queueNs));
+            if (f.touchNs > 0) fprintf(out, "%.3f", ms(p.presentNs - f.touchNs));
+            fprintf(out, ",%d,%d,%d,%.6f,%s,%d,%.3f,%.3f,", f.heavy, f.instant, p.rhythmLate,
+                    s(p.verdict.expectedPresentNs), causeName(p.verdict.cause), p.verdict.lateVsyncs,
+                    ms(f.holdNs), ms(f.dequeueWaitNs));
+            // The GPU's mean clock over the frame's work: its work at the base clock over the time taken.
+            if (p.gpuStartNs >= 0 && p.readyNs > p.gpuStartNs) {
+                fprintf(out, "%.3f,%.0f", ms(p.readyNs - p.gpuStartNs),
+                        gpuBaseMhz * static_cast<double>(f.gpuWorkNs) / static_cast<double>(p.readyNs - p.gpuStartNs));
+            } else {
+                fputc(',', out);
+            }
+            fputc('\n', out);
         }
     }
     if (fclose(out) != 0) throw std::runtime_error(path + ": cannot write the frames file");
@@ -255,7 +307,16 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
         perfd_stub::setGameWeight(app.package, app.gameWeight);
     }
     for (const auto& [key, value] : properties) setSimProperty(key, value);
-    FakeDevices::instance().install();
+    const DeviceModel& device = scenario.device;
+    FakeDevices::instance().install(device.gpuBaseMhz, device.gpuMaxMhz,
+                                    static_cast<int64_t>(std::llround(device.gpuRampMs * 1e6)),
+                                    static_cast<int64_t>(std::llround(device.gpuWithdrawMs * 1e6)));
+    auto session = std::make_unique<Session>();
+    // The apps' CPU follows what the library asks of the service, as the service would set it.
+    session->cpu = std::make_unique<CpuModel>(device);
+    perfd_stub::setCallListener([cpu = session->cpu.get()](const perfd_stub::Call& call) {
+        cpu->onCall(call, now());
+    });
     std::atomic<int> touchBoosts{0};
     // The compositor's input path: an app's touch boost arrives, and held buffers are released
     // so that the touched frame is not kept waiting.
@@ -274,18 +335,17 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
         aPelyxAppInit();
     }
 
-    auto session = std::make_unique<Session>();
     for (size_t i = 0; i < setups.size(); ++i) {
         session->layers.push_back(std::make_unique<LayerRuntime>(
                 *setups[i], scenario.appOf(*setups[i]), static_cast<int>(i), scenario.seed));
     }
-    session->compositor = std::make_unique<Compositor>(session->layerPointers(), scenario.refreshHz,
-                                                       !settings.framesPath.empty());
+    session->compositor = std::make_unique<Compositor>(session->layerPointers(), scenario.refreshHz, device);
     pelyxSetVsyncPeriod(session->compositor->periodNs());
 
     const int64_t runStart = now();
     for (const auto& l : session->layers) {
-        session->apps.push_back(std::make_unique<App>(*l, *session->compositor, session->appStop, runStart));
+        session->apps.push_back(
+                std::make_unique<App>(*l, *session->compositor, *session->cpu, session->appStop, runStart));
     }
     session->timeline = std::make_unique<Timeline>(scenario, session->layerPointers(), runStart);
     session->compositor->start(runStart);
@@ -342,12 +402,27 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     }
     android::platform::host::setPowerBoostListener(nullptr);
 
+    const std::vector<BoostRecord> records = FakeDevices::instance().boostRecords();
+    int64_t firstAct = FakeDevices::instance().firstDeadlineNs();
+    auto earliest = [&firstAct](int64_t t) {
+        if (t >= 0 && (firstAct < 0 || t < firstAct)) firstAct = t;
+    };
+    if (!records.empty()) earliest(records.front().timeNs);
+    for (const auto& l : session->layers) earliest(l->firstActNs.load());
+    result.firstActS = firstAct >= 0 ? static_cast<double>(firstAct - runStart) / 1e9 : -1;
+    const std::vector<Phase> phases = phasesOf(scenario, settings.phaseSplitS.value_or(result.firstActS));
+
     const ServiceConfig& config = session->timeline->config();
     for (const auto& l : session->layers) {
         result.layers.push_back(collectLayer(*l, scenario, service, config, result.targetFpsActive,
-                                             result.durationS));
+                                             result.durationS, phases, runStart));
     }
-    const std::vector<BoostRecord> records = FakeDevices::instance().boostRecords();
+    for (BoostRecord r : records) {
+        r.timeNs -= runStart;
+        result.boostRecordList.push_back(r);
+    }
+    result.gpuBaseMhz = device.gpuBaseMhz;
+    result.gpuMaxMhz = device.gpuMaxMhz;
     result.boosts = tallyBoosts(records);
     result.boostRecords = records.size();
     result.boostDeviceOpened = FakeDevices::instance().boostOpens() > 0;
@@ -367,7 +442,7 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     result.errorLines = log.errorLines();
     result.warningLines = log.warningLines();
 
-    if (!settings.framesPath.empty()) writeFrames(settings.framesPath, *session, runStart);
+    if (!settings.framesPath.empty()) writeFrames(settings.framesPath, *session, runStart, device.gpuBaseMhz);
 
     if (hung) {
         (void)session.release();  // a thread still inside the library uses it

@@ -7,6 +7,7 @@
 // that held queue calls return), and gathers the result. One run per process: the library's
 // singletons live as long as the process.
 
+#include <optional>
 #include <string>
 
 #include "Options.h"
@@ -22,6 +23,9 @@ struct RunSettings {
     std::string logPath;
     std::string framesPath;  // per-present CSV
     bool untilReplaysEnd = false;  // run on until every replay has been presented
+    // With a scenario that names no phases: split the figures here instead of where the library
+    // first acts (so that a run with the library off splits where the enabled run did).
+    std::optional<double> phaseSplitS;
 };
 
 // Throws std::runtime_error when a file cannot be opened.

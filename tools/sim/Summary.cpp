@@ -24,6 +24,25 @@ Json::Value boostsJson(const BoostCounts& b) {
     return v;
 }
 
+Json::Value latencyJson(const std::vector<double>& ms) {
+    Json::Value latency(Json::objectValue);
+    latency["frames"] = static_cast<int>(ms.size());
+    latency["p50"] = number(percentile(ms, 50));
+    latency["p95"] = number(percentile(ms, 95));
+    return latency;
+}
+
+Json::Value timelineJson(const FrameTimelineCounts& t) {
+    Json::Value v(Json::objectValue);
+    v["on_time"] = t.onTime;
+    v["late"] = t.late;
+    v["late_vsyncs"] = t.lateVsyncs;
+    Json::Value causes(Json::objectValue);
+    for (int c = 1; c <= kLateCauses; ++c) causes[causeName(static_cast<LateCause>(c))] = t.of(static_cast<LateCause>(c));
+    v["by_cause"] = causes;
+    return v;
+}
+
 Json::Value layerJson(const LayerResult& l) {
     Json::Value v(Json::objectValue);
     v["label"] = l.label;
@@ -44,7 +63,21 @@ Json::Value layerJson(const LayerResult& l) {
     v["frames_queued"] = Json::Int64(l.framesQueued);
     v["frames_presented"] = Json::Int64(l.framesPresented);
     v["presented_fps"] = number(l.presentedFps);
-    v["janks"] = l.janks;
+    v["rhythm_janks"] = l.rhythmJanks;
+    v["frame_timeline"] = timelineJson(l.timeline);
+    Json::Value phases(Json::arrayValue);
+    for (const PhaseResult& p : l.phases) {
+        Json::Value phase(Json::objectValue);
+        phase["name"] = p.name;
+        phase["from_s"] = number(p.fromS);
+        phase["to_s"] = number(p.toS);
+        phase["frames_presented"] = Json::Int64(p.framesPresented);
+        phase["input_to_present_ms"] = latencyJson(p.inputToPresentMs);
+        phase["frame_timeline"] = timelineJson(p.timeline);
+        phase["rhythm_janks"] = p.rhythmJanks;
+        phases.append(phase);
+    }
+    v["phases"] = phases;
     Json::Value holds(Json::objectValue);
     holds["count"] = static_cast<int>(l.holdsMs.size());
     holds["p50_ms"] = number(percentile(l.holdsMs, 50));
@@ -55,11 +88,7 @@ Json::Value layerJson(const LayerResult& l) {
     boosts["attributed"] = l.boostsAttributed;
     boosts["service"] = l.serviceBoosts;
     v["boosts"] = boosts;
-    Json::Value latency(Json::objectValue);
-    latency["frames"] = static_cast<int>(l.inputToPresentMs.size());
-    latency["p50"] = number(percentile(l.inputToPresentMs, 50));
-    latency["p95"] = number(percentile(l.inputToPresentMs, 95));
-    v["input_to_present_ms"] = latency;
+    v["input_to_present_ms"] = latencyJson(l.inputToPresentMs);
     v["target_fps"] = l.targetFps ? number(*l.targetFps) : Json::Value();
     v["last_second_fps"] = number(l.lastSecondFps);
     v["target_fps_active"] = l.targetFpsActive;
@@ -131,6 +160,21 @@ Json::Value toJson(const RunResult& r) {
     boosts["records"] = static_cast<Json::UInt64>(r.boostRecords);
     boosts["device_opened"] = r.boostDeviceOpened;
     root["boosts"] = boosts;
+    Json::Value records(Json::arrayValue);
+    for (const BoostRecord& b : r.boostRecordList) {
+        Json::Value record(Json::objectValue);
+        record["t_s"] = number(static_cast<double>(b.timeNs) / 1e9);
+        record["level"] = b.level;
+        record["headroom"] = b.headroom;
+        record["frequency"] = b.frequency;
+        records.append(record);
+    }
+    root["boost_records"] = records;
+    root["first_act_s"] = r.firstActS >= 0 ? number(r.firstActS) : Json::Value();
+    Json::Value gpu(Json::objectValue);
+    gpu["base_mhz"] = number(r.gpuBaseMhz);
+    gpu["max_mhz"] = number(r.gpuMaxMhz);
+    root["gpu"] = gpu;
     Json::Value events(Json::objectValue);
     for (const auto& [id, count] : r.perfEvents) events[std::to_string(id)] = count;
     root["perf_events"] = events;
@@ -250,7 +294,13 @@ std::vector<std::string> checkSummary(const Json::Value& s) {
         expect(l, p, "fps_mode", kInt, "an integer", &problems);
         expect(l, p, "frames_queued", kInt, "an integer", &problems);
         expect(l, p, "frames_presented", kInt, "an integer", &problems);
-        expect(l, p, "janks", kInt, "an integer", &problems);
+        expect(l, p, "rhythm_janks", kInt, "an integer", &problems);
+        expect(l, p, "frame_timeline", kObject, "an object", &problems);
+        for (const char* key : {"on_time", "late", "late_vsyncs"}) {
+            expect(l["frame_timeline"], p + "frame_timeline.", key, kInt, "an integer", &problems);
+        }
+        expect(l["frame_timeline"], p + "frame_timeline.", "by_cause", kObject, "an object", &problems);
+        expect(l, p, "phases", kArray, "an array", &problems);
         expect(l, p, "holds", kObject, "an object", &problems);
         expect(l["holds"], p + "holds.", "count", kInt, "an integer", &problems);
         expect(l["holds"], p + "holds.", "p50_ms", kNumberOrNull, "a number or null", &problems);
@@ -295,6 +345,14 @@ std::string pad(const std::string& text, size_t width) {
     return text.size() >= width ? text + " " : text + std::string(width - text.size(), ' ');
 }
 
+// "app deadline 2, GPU 1, composition 0, buffer stuffing 5".
+std::string causes(const Json::Value& timeline) {
+    const Json::Value& c = timeline["by_cause"];
+    return "app deadline " + std::to_string(c["app_deadline"].asInt()) + ", GPU " +
+            std::to_string(c["gpu_late"].asInt()) + ", composition " + std::to_string(c["composition"].asInt()) +
+            ", buffer stuffing " + std::to_string(c["buffer_stuffing"].asInt());
+}
+
 } // namespace
 
 void printReport(const Json::Value& s, std::ostream& out) {
@@ -305,7 +363,7 @@ void printReport(const Json::Value& s, std::ostream& out) {
         << (s["library_enabled"].asBool() ? "enabled" : "disabled") << "\n\n";
 
     out << pad("layer", 10) << pad("promoted", 9) << pad("mode", 5) << pad("queued", 7)
-        << pad("shown", 7) << pad("fps", 6) << pad("janks", 6) << pad("holds n/p50/p99 ms", 20)
+        << pad("shown", 7) << pad("fps", 6) << pad("late/vsyncs", 12) << pad("holds n/p50/p99 ms", 20)
         << pad("boosts L1/L2/L3/wd", 19) << pad("touch->present p50/p95 ms", 26)
         << pad("target", 8) << "QT\n";
     for (const Json::Value& l : s["layers"]) {
@@ -323,7 +381,10 @@ void printReport(const Json::Value& s, std::ostream& out) {
             << pad(std::to_string(l["fps_mode"].asInt()), 5)
             << pad(std::to_string(l["frames_queued"].asInt64()), 7)
             << pad(std::to_string(l["frames_presented"].asInt64()), 7)
-            << pad(ms(l["presented_fps"]), 6) << pad(std::to_string(l["janks"].asInt()), 6)
+            << pad(ms(l["presented_fps"]), 6)
+            << pad(std::to_string(l["frame_timeline"]["late"].asInt()) + "/" +
+                           std::to_string(l["frame_timeline"]["late_vsyncs"].asInt()),
+                   12)
             << pad(std::to_string(h["count"].asInt()) + "/" + ms(h["p50_ms"]) + "/" + ms(h["p99_ms"]), 20)
             << pad(boosts, 19) << pad(ms(lat["p50"]) + "/" + ms(lat["p95"]) + " (" +
                                               std::to_string(lat["frames"].asInt()) + ")",
@@ -346,6 +407,8 @@ void printReport(const Json::Value& s, std::ostream& out) {
                 << g["deadline_requests"].asInt();
         }
         if (l["boosts"]["service"].asInt()) out << "; boost events " << l["boosts"]["service"].asInt();
+        const Json::Value& ft = l["frame_timeline"];
+        out << "; late frames by cause: " << causes(ft) << "; rhythm janks " << l["rhythm_janks"].asInt();
         if (l["replay"].isObject()) {
             const Json::Value& r = l["replay"];
             out << "; replayed " << r["replayed"].asUInt64() << "/" << r["frames"].asUInt64()
@@ -354,6 +417,14 @@ void printReport(const Json::Value& s, std::ostream& out) {
                 << r["expected_fps_mode"].asInt();
         }
         out << "\n";
+        for (const Json::Value& p : l["phases"]) {
+            const Json::Value& lat = p["input_to_present_ms"];
+            out << "  " << pad(p["name"].asString(), 14) << fmt("%5.1f", p["from_s"].asDouble()) << "-"
+                << pad(fmt("%.1f s", p["to_s"].asDouble()), 8) << "touch->present p50/p95 " << ms(lat["p50"])
+                << "/" << ms(lat["p95"]) << " ms (" << lat["frames"].asInt() << "), late "
+                << p["frame_timeline"]["late"].asInt() << " (" << p["frame_timeline"]["late_vsyncs"].asInt()
+                << " vsyncs): " << causes(p["frame_timeline"]) << "\n";
+        }
     }
     const Json::Value& b = s["boosts"];
     out << "\nboost device: " << b["records"].asUInt64() << " records, L1 " << b["level1"].asInt()
@@ -445,7 +516,32 @@ void printComparison(const Json::Value& off, const Json::Value& on, std::ostream
             delta(a["frames_queued"], b["frames_queued"], ""));
         row(out, "frames presented", count(a["frames_presented"]), count(b["frames_presented"]),
             delta(a["frames_presented"], b["frames_presented"], ""));
-        row(out, "janks", count(a["janks"]), count(b["janks"]), delta(a["janks"], b["janks"], ""));
+        const Json::Value& ta = a["frame_timeline"];
+        const Json::Value& tb = b["frame_timeline"];
+        row(out, "frames late", count(ta["late"]), count(tb["late"]), delta(ta["late"], tb["late"], ""));
+        row(out, "late vsyncs", count(ta["late_vsyncs"]), count(tb["late_vsyncs"]),
+            delta(ta["late_vsyncs"], tb["late_vsyncs"], ""));
+        for (const char* cause : {"app_deadline", "gpu_late", "composition", "buffer_stuffing"}) {
+            row(out, std::string("  late: ") + cause, count(ta["by_cause"][cause]), count(tb["by_cause"][cause]), "");
+        }
+        row(out, "rhythm janks", count(a["rhythm_janks"]), count(b["rhythm_janks"]), "");
+        for (const Json::Value& pb : b["phases"]) {
+            const std::string name = pb["name"].asString();
+            Json::Value pa;
+            for (const Json::Value& p : a["phases"]) {
+                if (p["name"].asString() == name) pa = p;
+            }
+            const std::string head = name + " " + fmt("%.1f", pb["from_s"].asDouble()) + "-" +
+                    fmt("%.1f s", pb["to_s"].asDouble());
+            out << "  " << head << "\n";
+            const Json::Value& qa = pa["input_to_present_ms"];
+            const Json::Value& qb = pb["input_to_present_ms"];
+            row(out, "  touch->present p50 ms", ms(qa["p50"]), ms(qb["p50"]), delta(qa["p50"], qb["p50"], " ms"));
+            row(out, "  touch->present p95 ms", ms(qa["p95"]), ms(qb["p95"]), delta(qa["p95"], qb["p95"], " ms"));
+            row(out, "  frames late / vsyncs",
+                count(pa["frame_timeline"]["late"]) + " / " + count(pa["frame_timeline"]["late_vsyncs"]),
+                count(pb["frame_timeline"]["late"]) + " / " + count(pb["frame_timeline"]["late_vsyncs"]), "");
+        }
         row(out, "holds", count(a["holds"]["count"]), count(b["holds"]["count"]), "");
         row(out, "hold p50 / p99 ms", ms(a["holds"]["p50_ms"]) + " / " + ms(a["holds"]["p99_ms"]),
             ms(b["holds"]["p50_ms"]) + " / " + ms(b["holds"]["p99_ms"]), "");

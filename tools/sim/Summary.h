@@ -12,12 +12,24 @@
 #include <string>
 #include <vector>
 
+#include "FrameTimeline.h"
 #include "ServiceLog.h"
 #include "Stats.h"
 
 namespace pelyx_sim {
 
 constexpr const char* kSummarySchema = "pelyx-sim-summary/1";
+
+// A layer's figures over one phase of the run.
+struct PhaseResult {
+    std::string name;
+    double fromS = 0;
+    double toS = 0;
+    int64_t framesPresented = 0;
+    std::vector<double> inputToPresentMs;
+    FrameTimelineCounts timeline;
+    int rhythmJanks = 0;
+};
 
 struct LayerResult {
     std::string label;
@@ -30,7 +42,9 @@ struct LayerResult {
     int64_t framesQueued = 0;
     int64_t framesPresented = 0;
     double presentedFps = 0;  // over the layer's active time
-    int janks = 0;
+    int rhythmJanks = 0;           // presents that broke the app's own rhythm
+    FrameTimelineCounts timeline;  // presents against their expected present
+    std::vector<PhaseResult> phases;
     std::vector<double> holdsMs;  // time spent inside pelyxTrackBufferIncrement, when > 0.5 ms
     int quickTouchHolds = 0;      // holds while no target rate was pushed for the package
     BoostCounts boosts;           // device records, when they can be told to be this layer's
@@ -80,6 +94,10 @@ struct RunResult {
     std::vector<LayerResult> layers;
     BoostCounts boosts;
     size_t boostRecords = 0;
+    std::vector<BoostRecord> boostRecordList;  // times from the run's start
+    double firstActS = -1;  // the library's first hold, boost, deadline request or held input
+    double gpuBaseMhz = 0;
+    double gpuMaxMhz = 0;
     bool boostDeviceOpened = false;
     std::map<int, int> perfEvents;
     std::vector<SceneReport> sceneReports;

@@ -80,16 +80,22 @@ void Timeline::touch(const TimedAction& action) {
     if (!l) return;
     static constexpr const char* kNames[] = {"touch down", "touch up", "touch move"};
     android::platform::traceBegin(kNames[action.action]);
+    bool consumeNow = true;
     if (l->setup.smartTouch) {
         aPelyxSetTouchEvent(action.action);
         if (action.action == kActionMove) {
             // Left unwritten when the library has no opinion: the app consumes at once.
-            bool consumeNow = true;
             aPelyxConsumeInputNow(&consumeNow);
             ++(consumeNow ? l->movesConsumedNow : l->movesHeld);
         }
     }
-    l->input.deliver(android::platform::now());
+    const int64_t now = android::platform::now();
+    if (consumeNow) {
+        l->input.deliver(now);
+    } else {
+        l->input.hold(now);
+        l->noteAct(now);
+    }
     android::platform::traceEnd();
 }
 

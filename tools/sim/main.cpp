@@ -96,11 +96,13 @@ std::string selfPath() {
 }
 
 // One child run of --compare; returns its summary.
-Json::Value childRun(const Options& options, bool enabled, const std::string& summaryPath) {
+Json::Value childRun(const Options& options, bool enabled, const std::string& summaryPath,
+                     const Json::Value& splitS = Json::Value()) {
     std::vector<std::string> args{selfPath()};
     for (const std::string& a : scenarioArguments(options)) args.push_back(a);
     args.insert(args.end(), {"--quiet", "--summary", summaryPath});
     if (!enabled) args.push_back("--disable");
+    if (splitS.isNumeric()) args.insert(args.end(), {"--phase-split", std::to_string(splitS.asDouble())});
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
@@ -122,10 +124,12 @@ int compare(const Options& options, const Scenario& scenario) {
     if (!mkdtemp(dir)) fail(kExitFailed, std::string("cannot create a temporary directory: ") + strerror(errno));
     const std::string offPath = std::string(dir) + "/disabled.json";
     const std::string onPath = std::string(dir) + "/enabled.json";
-    fprintf(stderr, "pelyx-sim: run 1/2, library disabled (%.1f s)\n", scenario.durationS);
-    const Json::Value off = childRun(options, false, offPath);
-    fprintf(stderr, "pelyx-sim: run 2/2, library enabled (%.1f s)\n", scenario.durationS);
+    fprintf(stderr, "pelyx-sim: run 1/2, library enabled (%.1f s)\n", scenario.durationS);
     const Json::Value on = childRun(options, true, onPath);
+    // Both runs are split where the enabled one first acted, unless the scenario names phases.
+    const Json::Value split = scenario.phases.empty() ? on["first_act_s"] : Json::Value();
+    fprintf(stderr, "pelyx-sim: run 2/2, library disabled (%.1f s)\n", scenario.durationS);
+    const Json::Value off = childRun(options, false, offPath, split);
     unlink(offPath.c_str());
     unlink(onPath.c_str());
     rmdir(dir);
@@ -165,6 +169,7 @@ int run(const std::vector<std::string>& args) {
     settings.logPath = options.logPath;
     settings.framesPath = options.framesPath;
     settings.untilReplaysEnd = !options.replays.empty() && !options.durationS;
+    settings.phaseSplitS = options.phaseSplitS;
     RunResult result;
     try {
         result = runScenario(scenario, settings);
