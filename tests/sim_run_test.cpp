@@ -36,7 +36,7 @@ std::vector<std::string> lines(const std::string& text) {
 }
 
 class SimRun : public ::testing::Test {
-protected:
+public:
     void SetUp() override {
         char dir[] = "/tmp/sim-run-XXXXXX";
         ASSERT_NE(mkdtemp(dir), nullptr);
@@ -153,6 +153,29 @@ TEST_F(SimRun, AReplayRunsToTheEndOfItsCapture) {
     EXPECT_EQ(game["frames_presented"].asInt(), 90);
     EXPECT_EQ(game["replay"]["expected_fps_mode"].asInt(), 60) << "100 fps on a 60 Hz display";
     EXPECT_LT(s["duration_s"].asDouble(), 8.0) << "90 frames at 60 Hz end the run early";
+}
+
+// One app alone, library off; returns its layer's summary.
+Json::Value SimRunAlone(SimRun& t, const std::string& name, const std::string& layer) {
+    const std::string scenario = t.write(name + ".json", R"({"duration_s": 1.5, "apps": [{"package": "p", "layers": [)" + layer + "]}]}");
+    const std::string summary = t.file(name + ".out.json");
+    const Outcome o = t.run({scenario, "--disable", "--quiet", "--summary", summary});
+    EXPECT_EQ(o.status, 0) << o.err;
+    return t.json(summary)["layers"][0];
+}
+
+TEST_F(SimRun, TheGpuAndTheReleaseFencesBoundTheFrameRate) {
+    // 25 ms of GPU work a frame: one GPU allows 40 fps whatever the CPU does.
+    const Json::Value gpuBound = SimRunAlone(*this, "gpu", R"({"work": {"mean_ms": 4, "gpu_ms": 25}})");
+    EXPECT_LE(gpuBound["presented_fps"].asDouble(), 41.0);
+    EXPECT_GT(gpuBound["presented_fps"].asDouble(), 25.0);
+    // 12 ms of GPU work that may start only once the display has let go of the buffer: with two
+    // buffers that is at the present, half a vsync after the latch, so every frame misses the
+    // next latch; a third buffer hides it.
+    const std::string layer = R"({"buffers": N, "work": {"mean_ms": 2, "dequeue_at": 0, "gpu_ms": 12}})";
+    auto with = [&](const char* n) { return std::string(layer).replace(layer.find('N'), 1, n); };
+    EXPECT_LE(SimRunAlone(*this, "two", with("2"))["presented_fps"].asDouble(), 36.0);
+    EXPECT_GE(SimRunAlone(*this, "three", with("3"))["presented_fps"].asDouble(), 50.0);
 }
 
 TEST_F(SimRun, CompareRunsBothWaysAndPrintsThemSideBySide) {

@@ -132,6 +132,12 @@ TEST(SimScenario, MistakesNameTheirKey) {
             {withTimeline(R"({"at_s": 1, "hint": 4187, "values": [1, "x"]})"), "timeline[0].values[1]", "must be an integer"},
             {withTimeline(R"({"at_s": 1, "property": "k", "value": {}})"), "timeline[0].value", "a string, a number or a boolean"},
             {withLayer(R"({"id": 4294967296})"), "apps[0].layers[0].id", "from 1 to"},
+            {R"({"gpu": {"base_mhz": 500, "max_mhz": 400}, "apps": [{"package": "p", "layers": [{}]}]})", "gpu.max_mhz", "at least base_mhz"},
+            {R"({"cpu": {"boost": 2}, "apps": [{"package": "p", "layers": [{}]}]})", "cpu.boost", "unknown key"},
+            {R"({"compositor": {"latch_offset_ms": 20}, "apps": [{"package": "p", "layers": [{}]}]})", "compositor.latch_offset_ms", "below the display's period"},
+            {R"({"compositor": {"present_delay_vsyncs": 0}, "apps": [{"package": "p", "layers": [{}]}]})", "compositor.present_delay_vsyncs", "from 1 to 8"},
+            {R"({"phases": [{"name": "a", "from_s": 1}], "apps": [{"package": "p", "layers": [{}]}]})", "phases[0].from_s", "start at 0"},
+            {R"({"phases": [{"name": "a"}, {"name": "b", "from_s": 0}], "apps": [{"package": "p", "layers": [{}]}]})", "phases[1].from_s", "after the phase before"},
     };
     for (const BadCase& c : cases) {
         const ScenarioError e = errorOf(c.text);
