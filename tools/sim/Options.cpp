@@ -29,7 +29,7 @@ options:
   --trace FILE         writes a Trace Event Format trace (opens in the Perfetto UI); turns the
                        library's debug switch on unless a scenario or --prop sets it
   --log FILE           writes every library log line to FILE
-  --frames FILE        writes one CSV row per presented frame (times, latencies, janks)
+  --frames FILE        writes one CSV row per presented frame (times, latencies, verdicts)
   --compare            runs the scenario twice, library enabled then disabled (split into
                        the same phases), and prints the differences side by side
   --disable            runs with the library switched off
