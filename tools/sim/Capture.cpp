@@ -4,7 +4,10 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
+#include <climits>
 #include <fstream>
+#include <sstream>
 
 #include "Stats.h"
 
@@ -50,57 +53,169 @@ std::vector<std::string> splitCsv(const std::string& line) {
     return fields;
 }
 
-Capture parseCapture(std::istream& in, const std::string& label) {
-    Capture capture;
-    capture.path = label;
-    std::string line;
-    size_t lineNo = 0;
-    int column = -1;
+namespace {
+
+struct Line {
+    size_t number;
+    std::string text;  // trimmed
+};
+
+bool parseNumber(const std::string& text, double* out) {
+    errno = 0;
+    char* end = nullptr;
+    *out = strtod(text.c_str(), &end);
+    return !text.empty() && *end == '\0' && errno == 0 && std::isfinite(*out);
+}
+
+// Whitespace-separated integers; false when a field is not one.
+bool integers(const std::string& text, std::vector<int64_t>* out) {
+    out->clear();
+    std::istringstream in(text);
+    std::string field;
+    while (in >> field) {
+        errno = 0;
+        char* end = nullptr;
+        const long long v = strtoll(field.c_str(), &end, 10);
+        if (*end != '\0' || errno != 0) return false;
+        out->push_back(v);
+    }
+    return true;
+}
+
+void csvColumn(const std::vector<Line>& lines, const std::string& label, const std::string& column,
+               Capture* capture) {
+    int index = -1;
     int appColumn = -1;
-    while (std::getline(in, line)) {
-        ++lineNo;
-        if (lineNo == 1 && line.compare(0, 3, "\xEF\xBB\xBF") == 0) line.erase(0, 3);
-        const std::string text = trimmed(line);
-        if (text.empty() || text.compare(0, 2, "//") == 0) continue;
-        const std::vector<std::string> fields = splitCsv(text);
-        if (column < 0) {
+    for (const Line& line : lines) {
+        if (line.text.compare(0, 2, "//") == 0) continue;
+        const std::vector<std::string> fields = splitCsv(line.text);
+        if (index < 0) {
             for (size_t i = 0; i < fields.size(); ++i) {
-                if (fields[i] == kColumn) column = static_cast<int>(i);
+                if (fields[i] == column) index = static_cast<int>(i);
                 if (fields[i] == "Application") appColumn = static_cast<int>(i);
             }
-            if (column < 0) {
-                throw CaptureError(label + ":" + std::to_string(lineNo) + ": no " + kColumn +
-                                   " column in the header");
+            if (index < 0) {
+                throw CaptureError(label + ":" + std::to_string(line.number) + ": no " + column + " column in the header");
             }
             continue;
         }
-        const std::string where = label + ":" + std::to_string(lineNo) + ": ";
-        if (static_cast<int>(fields.size()) <= column) {
-            throw CaptureError(where + "the row has no " + kColumn + " field");
+        const std::string where = label + ":" + std::to_string(line.number) + ": ";
+        if (static_cast<int>(fields.size()) <= index) throw CaptureError(where + "the row has no " + column + " field");
+        double ms = 0;
+        if (!parseNumber(fields[index], &ms) || ms < 0) {
+            throw CaptureError(where + "bad " + column + " value \"" + fields[index] + "\"");
         }
-        const std::string& value = fields[column];
-        errno = 0;
-        char* end = nullptr;
-        const double ms = strtod(value.c_str(), &end);
-        if (value.empty() || *end != '\0' || errno != 0 || !std::isfinite(ms) || ms < 0) {
-            throw CaptureError(where + "bad " + kColumn + " value \"" + value + "\"");
+        if (capture->intervalsMs.empty() && appColumn >= 0 && static_cast<int>(fields.size()) > appColumn) {
+            capture->application = fields[appColumn];
         }
-        if (capture.intervalsMs.empty() && appColumn >= 0 &&
-            static_cast<int>(fields.size()) > appColumn) {
-            capture.application = fields[appColumn];
+        capture->intervalsMs.push_back(ms);
+    }
+    if (index < 0) throw CaptureError(label + ": no header row");
+}
+
+// The present intervals: the same measure as MsBetweenPresents. A frame not yet presented shows
+// 0 or INT64_MAX and is skipped.
+void surfaceFlingerLatency(const std::vector<Line>& lines, const std::string& label, Capture* capture) {
+    std::vector<int64_t> fields;
+    int64_t last = -1;
+    for (size_t i = 1; i < lines.size(); ++i) {
+        const std::string where = label + ":" + std::to_string(lines[i].number) + ": ";
+        if (!integers(lines[i].text, &fields) || fields.size() != 3) {
+            throw CaptureError(where + "expected three times in ns (desired present, actual present, frame ready)");
         }
-        capture.intervalsMs.push_back(ms);
+        const int64_t present = fields[1];
+        if (present <= 0 || present == INT64_MAX) continue;
+        if (last >= 0) {
+            if (present < last) throw CaptureError(where + "actual present time goes back");
+            capture->intervalsMs.push_back(static_cast<double>(present - last) / 1e6);
+        }
+        last = present;
+    }
+}
+
+// The first PROFILEDATA section: rows of frames, with a header naming the columns.
+void gfxinfoFramestats(const std::vector<Line>& lines, const std::string& label, Capture* capture) {
+    constexpr const char* kMarker = "---PROFILEDATA---";
+    size_t i = 0;
+    while (i < lines.size() && lines[i].text != kMarker) ++i;
+    int flags = -1, vsync = -1;
+    int64_t last = -1;
+    bool closed = false;
+    for (++i; i < lines.size(); ++i) {
+        if (lines[i].text == kMarker) {
+            closed = true;
+            break;
+        }
+        const std::vector<std::string> fields = splitCsv(lines[i].text);
+        const std::string where = label + ":" + std::to_string(lines[i].number) + ": ";
+        if (vsync < 0) {
+            for (size_t f = 0; f < fields.size(); ++f) {
+                if (fields[f] == "Flags") flags = static_cast<int>(f);
+                if (fields[f] == "IntendedVsync") vsync = static_cast<int>(f);
+            }
+            if (flags < 0 || vsync < 0) throw CaptureError(where + "no Flags and IntendedVsync columns in the header");
+            continue;
+        }
+        double flag = 0, at = 0;
+        if (static_cast<int>(fields.size()) <= std::max(flags, vsync) || !parseNumber(fields[flags], &flag) ||
+            !parseNumber(fields[vsync], &at)) {
+            throw CaptureError(where + "bad frame row");
+        }
+        if (flag != 0) continue;  // a frame the renderer marks as not a normal one
+        const int64_t t = static_cast<int64_t>(at);
+        if (last >= 0 && t > last) capture->intervalsMs.push_back(static_cast<double>(t - last) / 1e6);
+        last = t;
+    }
+    if (!closed) throw CaptureError(label + ": truncated: no closing " + kMarker + " line");
+}
+
+} // namespace
+
+Capture parseCapture(std::istream& in, const std::string& label, const std::string& column) {
+    Capture capture;
+    capture.path = label;
+    std::vector<Line> lines;
+    std::string text;
+    for (size_t n = 1; std::getline(in, text); ++n) {
+        if (n == 1 && text.compare(0, 3, "\xEF\xBB\xBF") == 0) text.erase(0, 3);
+        text = trimmed(text);
+        if (!text.empty()) lines.push_back({n, text});
     }
     if (in.bad()) throw CaptureError(label + ": read error");
-    if (column < 0) throw CaptureError(label + ": no header row");
+    std::vector<int64_t> first;
+    const bool anyProfile = std::any_of(lines.begin(), lines.end(),
+                                        [](const Line& l) { return l.text == "---PROFILEDATA---"; });
+    if (!column.empty()) {
+        capture.format = "CSV column";
+        csvColumn(lines, label, column, &capture);
+    } else if (anyProfile) {
+        capture.format = "gfxinfo framestats";
+        gfxinfoFramestats(lines, label, &capture);
+    } else if (!lines.empty() && integers(lines[0].text, &first) && first.size() == 1) {
+        if (first[0] <= 0) throw CaptureError(label + ":" + std::to_string(lines[0].number) + ": refresh period must be above 0");
+        capture.format = "SurfaceFlinger latency";
+        surfaceFlingerLatency(lines, label, &capture);
+    } else {
+        capture.format = "PresentMon CSV";
+        csvColumn(lines, label, kColumn, &capture);
+    }
     if (capture.intervalsMs.empty()) throw CaptureError(label + ": no frames");
     return capture;
 }
 
 Capture readCapture(const std::string& path) {
-    std::ifstream in(path);
-    if (!in) throw CaptureError(path + ": cannot open: " + strerror(errno));
-    return parseCapture(in, path);
+    std::string file = path, column;
+    const size_t colon = path.rfind(':');
+    if (!std::ifstream(path) && colon != std::string::npos && colon > 0) {
+        file = path.substr(0, colon);
+        column = path.substr(colon + 1);
+        if (column.empty()) throw CaptureError(path + ": no column named after the ':'");
+    }
+    std::ifstream in(file);
+    if (!in) throw CaptureError(file + ": cannot open: " + strerror(errno));
+    Capture capture = parseCapture(in, file, column);
+    capture.path = path;
+    return capture;
 }
 
 double Capture::medianMs() const { return percentile(intervalsMs, 50); }

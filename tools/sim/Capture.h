@@ -1,8 +1,12 @@
 #pragma once
 
-// Reads the per-frame present intervals of a PresentMon / OCAT / CapFrameX capture (CSV with a
-// header row; lines starting with "//" are metadata). Only the MsBetweenPresents column is used:
-// the game's frame time when nothing throttles it, which the simulator replays as work time.
+// Reads the per-frame intervals of a frame-timing capture, which the simulator replays as a
+// game's work time: a PresentMon / OCAT / CapFrameX CSV (its MsBetweenPresents column; lines
+// starting with "//" are metadata), `dumpsys SurfaceFlinger --latency` output (the refresh
+// period, then desired-present, actual-present and frame-ready times in ns per frame; the
+// intervals between actual presents), `dumpsys gfxinfo PKG framestats` output (the rows between
+// the PROFILEDATA markers; the intervals between the intended vsyncs of frames without flags),
+// or any CSV column named as FILE:COLUMN (in ms). The format is told from the text.
 
 #include <istream>
 #include <stdexcept>
@@ -19,6 +23,7 @@ public:
 
 struct Capture {
     std::string path;
+    std::string format;       // "PresentMon CSV", "SurfaceFlinger latency", "gfxinfo framestats", "CSV column"
     std::string application;  // the Application column of the first frame, if any
     std::vector<double> intervalsMs;
 
@@ -29,8 +34,9 @@ struct Capture {
     double rate() const;
 };
 
-// `label` names the source in error messages.
-Capture parseCapture(std::istream& in, const std::string& label);
+// `label` names the source in error messages; `column`, when given, is the CSV column to read.
+Capture parseCapture(std::istream& in, const std::string& label, const std::string& column = "");
+// `path` may end in ":COLUMN" when no file has the whole name.
 Capture readCapture(const std::string& path);
 
 // Splits one CSV record; double quotes group a field that holds commas ("" is a quote).

@@ -30,6 +30,9 @@ options:
                        library's debug switch on unless a scenario or --prop sets it
   --log FILE           writes every library log line to FILE
   --frames FILE        writes one CSV row per presented frame (times, latencies, verdicts)
+  --sweep SWEEP.json   plays every setting of a sweep file (see the README), ranks them and
+                       re-runs the best and the baseline on other seeds
+  --jobs N             runs at a time for --sweep (default: the machine's cores)
   --compare            runs the scenario twice, library enabled then disabled (split into
                        the same phases), and prints the differences side by side
   --disable            runs with the library switched off
@@ -125,6 +128,12 @@ Options parseOptions(const std::vector<std::string>& args) {
             o.logPath = file();
         } else if (arg == "--frames") {
             o.framesPath = file();
+        } else if (arg == "--sweep") {
+            o.sweepPath = file();
+        } else if (arg == "--jobs") {
+            const double jobs = parseNumber(arg, value());
+            if (jobs < 1 || jobs > 64 || jobs != std::floor(jobs)) throw UsageError(arg + ": must be a whole number from 1 to 64");
+            o.jobs = static_cast<int>(jobs);
         } else if (arg == "--compare") {
             flag(o.compare);
         } else if (arg == "--disable") {
@@ -142,6 +151,12 @@ Options parseOptions(const std::vector<std::string>& args) {
         }
     }
     if (o.compare && o.disable) throw UsageError("--compare and --disable exclude each other");
+    if (!o.sweepPath.empty() &&
+        (o.compare || o.disable || !o.scenarioPath.empty() || !o.tracePath.empty() || !o.framesPath.empty() ||
+         !o.logPath.empty() || !o.replays.empty() || !o.props.empty() || o.durationS || o.seed || o.refreshHz)) {
+        throw UsageError("--sweep takes its scenario and settings from the sweep file; only --jobs, --summary "
+                         "and --quiet go with it");
+    }
     if (o.compare && (!o.tracePath.empty() || !o.framesPath.empty() || !o.logPath.empty())) {
         throw UsageError("--compare writes no trace, frames or log file");
     }

@@ -29,6 +29,8 @@ struct Options {
     std::string tracePath;
     std::string logPath;
     std::string framesPath;
+    std::string sweepPath;
+    int jobs = 0;  // 0: the machine's cores
     bool compare = false;
     bool disable = false;
     bool quiet = false;

@@ -21,6 +21,7 @@
 #include "Scenario.h"
 #include "Simulator.h"
 #include "Summary.h"
+#include "SweepRunner.h"
 
 extern char** environ;
 
@@ -159,6 +160,7 @@ int run(const std::vector<std::string>& args) {
         fputs(kDefaultScenarioJson, stdout);
         return 0;
     }
+    if (!options.sweepPath.empty()) return runSweep(options, selfPath());
     const Scenario scenario = loadScenario(options);
     if (options.compare) return compare(options, scenario);
 
