@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test run asan tsan bench fuzz soak mutate clean
+.PHONY: all deps build test run report-docs asan tsan bench fuzz soak mutate clean
 
 all: build
 
@@ -20,10 +20,23 @@ test: build
 	ctest --preset release -j $(JOBS) $(CTEST_ARGS)
 
 # pelyx-sim on its built-in scenario (about 10 s); SIM_ARGS adds options, e.g. SIM_ARGS=--compare.
+# Its summary, frames and report go to build/run/.
 SIM_ARGS ?=
 run: deps build/release/build.ninja
 	cmake --build --preset release -j $(JOBS) --target pelyx-sim
-	build/release/tools/sim/pelyx-sim $(SIM_ARGS)
+	@rm -rf build/run && mkdir -p build/run
+	build/release/tools/sim/pelyx-sim --summary build/run/summary.json --frames build/run/frames.csv $(SIM_ARGS)
+	@tools/report/pelyx-report --out build/run/report build/run/summary.json build/run/*.csv | tail -n 1
+
+# The pictures of the built-in scenario's --compare and of its sweep that the README shows.
+report-docs: deps build/release/build.ninja
+	cmake --build --preset release -j $(JOBS) --target pelyx-sim
+	@rm -rf build/docs-run && mkdir -p build/docs-run
+	build/release/tools/sim/pelyx-sim --compare --summary build/docs-run/compare.json --frames build/docs-run/frames.csv
+	build/release/tools/sim/pelyx-sim --sweep tools/sim/sweeps/default.json --summary build/docs-run/sweep.json
+	tools/report/pelyx-report --out docs build/docs-run/compare.json build/docs-run/frames.enabled.csv \
+	  build/docs-run/frames.disabled.csv build/docs-run/sweep.json
+	rm -f docs/index.html
 
 asan: deps build/asan/build.ninja
 	cmake --build --preset asan -j $(JOBS)

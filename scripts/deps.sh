@@ -4,7 +4,8 @@ set -eu
 pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
       android-platform-frameworks-native-headers
-      libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils)
+      libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils
+      python3 python3-matplotlib)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -62,6 +62,53 @@ TEST(SimCapture, BadInputSaysWhereAndWhy) {
     EXPECT_THROW(readCapture("/nonexistent/dir/cap.csv"), CaptureError);
 }
 
+TEST(SimCapture, ReadsAndroidFrameDataAndAnyNamedColumn) {
+    // SurfaceFlinger's latency dump: present intervals; a frame not yet shown is skipped.
+    const Capture sf = parse("16666666\n0 0 0\n10 1000000000 5\n20 1016666666 6\n30 1050000000 7\n"
+                             "40 9223372036854775807 0\n");
+    EXPECT_EQ(sf.format, "SurfaceFlinger latency");
+    ASSERT_EQ(sf.intervalsMs.size(), 2u);
+    EXPECT_NEAR(sf.intervalsMs[1], 33.333, 0.001);
+    // gfxinfo framestats: the first section's frames without flags, by intended vsync.
+    const Capture gfx = parse("Stats since: 1ns\n---PROFILEDATA---\nFlags,IntendedVsync,Vsync,\n"
+                              "0,100000000,100000000,\n1,111111111,1,\n0,122222222,1,\n0,144444444,1,\n"
+                              "---PROFILEDATA---\n---PROFILEDATA---\nFlags,IntendedVsync,\n0,900000000,\n");
+    EXPECT_EQ(gfx.format, "gfxinfo framestats");
+    ASSERT_EQ(gfx.intervalsMs.size(), 2u);
+    EXPECT_NEAR(gfx.intervalsMs[0], 22.222, 0.001);
+    std::istringstream column("t,frame_ms\n0,8.5\n1,9\n");
+    EXPECT_EQ(parseCapture(column, "x.csv", "frame_ms").intervalsMs, (std::vector<double>{8.5, 9}));
+
+    const std::string dir = std::string(PELYX_SIM_SOURCE_DIR) + "/captures/";
+    EXPECT_EQ(readCapture(dir + "dumpsys-surfaceflinger-latency-sample.txt").intervalsMs.size(), 149u);
+    EXPECT_EQ(readCapture(dir + "dumpsys-gfxinfo-framestats-sample.txt").intervalsMs.size(), 118u);
+    const Capture named = readCapture(dir + "presentmon-csgo-120fps.csv:MsBetweenDisplayChange");
+    EXPECT_EQ(named.format, "CSV column");
+    EXPECT_EQ(named.intervalsMs.size(), 4265u);
+}
+
+TEST(SimCapture, TruncatedOrGarbledAndroidDataSaysWhereAndWhy) {
+    const std::vector<std::pair<std::string, std::string>> cases = {
+            {"16666666\n1 2 3\n4 5\n", "test.csv:3: expected three times in ns"},
+            {"16666666\n1 2 3\n4 five 6\n", "test.csv:3: expected three times in ns"},
+            {"16666666\n1 2000 3\n4 1000 6\n", "test.csv:3: actual present time goes back"},
+            {"0\n1 2 3\n", "test.csv:1: refresh period must be above 0"},
+            {"16666666\n", "test.csv: no frames"},
+            {"---PROFILEDATA---\nFlags,IntendedVsync,\n0,1,\n0,2,\n", "test.csv: truncated: no closing ---PROFILEDATA---"},
+            {"---PROFILEDATA---\nFlags,Vsync,\n0,1,\n---PROFILEDATA---\n", "test.csv:2: no Flags and IntendedVsync columns"},
+            {"---PROFILEDATA---\nFlags,IntendedVsync,\n0,x,\n---PROFILEDATA---\n", "test.csv:3: bad frame row"},
+    };
+    for (const auto& [text, message] : cases) EXPECT_EQ(errorOf(text).rfind(message, 0), 0u) << errorOf(text);
+    std::istringstream column("t,frame_ms\n0,8.5\n");
+    EXPECT_THROW(parseCapture(column, "x.csv", "frametime"), CaptureError);
+    try {
+        readCapture(std::string(PELYX_SIM_SOURCE_DIR) + "/captures/presentmon-csgo-120fps.csv:NoSuchColumn");
+        ADD_FAILURE() << "accepted a missing column";
+    } catch (const CaptureError& e) {
+        EXPECT_NE(std::string(e.what()).find(":1: no NoSuchColumn column in the header"), std::string::npos) << e.what();
+    }
+}
+
 struct Shipped {
     const char* file;
     size_t frames;

@@ -175,13 +175,19 @@ TEST(SimOptions, ParsesEveryOption) {
     EXPECT_EQ(std::vector<double>({*child.durationS, *child.refreshHz, double(*child.seed)}), std::vector<double>({5, 90, 7}));
     EXPECT_TRUE(child.props == o.props && child.replays == o.replays);
     EXPECT_TRUE(child.summaryPath.empty()) << "the output files are the parent's";
+
+    const Options sweep = parseOptions({"--sweep", "s.json", "--jobs", "3", "--summary", "o.json", "--quiet"});
+    EXPECT_EQ(sweep.sweepPath + " " + std::to_string(sweep.jobs), "s.json 3");
+    EXPECT_EQ(*parseOptions({"--phase-split", "2.5"}).phaseSplitS, 2.5);
 }
 
 TEST(SimOptions, RefusesBadCommandLines) {
     const std::vector<std::vector<std::string>> bad = {
             {"--bogus"}, {"--duration"}, {"--duration", "x"}, {"--duration", "-1"}, {"--refresh", "0"},
             {"--seed", "1.5"}, {"--prop", "novalue"}, {"--prop", "=1"}, {"--replay", "game="}, {"--summary="},
-            {"--quiet=1"}, {"a.json", "b.json"}, {"--compare", "--disable"}, {"--compare", "--trace", "t.json"}};
+            {"--quiet=1"}, {"a.json", "b.json"}, {"--compare", "--disable"}, {"--compare", "--trace", "t.json"},
+            {"--sweep", "s.json", "--seed", "2"}, {"--sweep", "s.json", "a.json"}, {"--jobs", "0"},
+            {"--phase-split", "-1"}};
     for (const auto& args : bad) {
         std::string line;
         for (const auto& a : args) line += a + " ";

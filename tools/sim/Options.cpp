@@ -19,8 +19,10 @@ options:
   --duration S         run for S seconds (default: the scenario's; with --replay, until the
                        captures have been replayed to their end)
   --refresh HZ         display refresh rate (overrides the scenario's)
-  --replay LAYER=FILE  LAYER (label or id) replays the MsBetweenPresents column of a
-                       PresentMon/OCAT capture as its per-frame work time
+  --replay LAYER=FILE  LAYER (label or id) replays a capture's frame intervals as its
+                       per-frame work time: a PresentMon/OCAT/CapFrameX CSV, the output of
+                       `dumpsys SurfaceFlinger --latency` or `dumpsys gfxinfo PKG framestats`,
+                       or FILE:COLUMN for any CSV column in ms
   --prop KEY=VALUE     sets a property before start (after the scenario's)
   --seed N             seed of the work-time models
   --phase-split S      with a scenario that names no phases: split the figures at S seconds
@@ -29,7 +31,8 @@ options:
   --trace FILE         writes a Trace Event Format trace (opens in the Perfetto UI); turns the
                        library's debug switch on unless a scenario or --prop sets it
   --log FILE           writes every library log line to FILE
-  --frames FILE        writes one CSV row per presented frame (times, latencies, verdicts)
+  --frames FILE        writes one CSV row per presented frame (times, latencies, verdicts);
+                       with --compare, FILE's name with .enabled and .disabled before .csv
   --sweep SWEEP.json   plays every setting of a sweep file (see the README), ranks them and
                        re-runs the best and the baseline on other seeds
   --jobs N             runs at a time for --sweep (default: the machine's cores)
@@ -157,8 +160,8 @@ Options parseOptions(const std::vector<std::string>& args) {
         throw UsageError("--sweep takes its scenario and settings from the sweep file; only --jobs, --summary "
                          "and --quiet go with it");
     }
-    if (o.compare && (!o.tracePath.empty() || !o.framesPath.empty() || !o.logPath.empty())) {
-        throw UsageError("--compare writes no trace, frames or log file");
+    if (o.compare && (!o.tracePath.empty() || !o.logPath.empty())) {
+        throw UsageError("--compare writes no trace or log file");
     }
     return o;
 }

@@ -96,6 +96,15 @@ std::string selfPath() {
     return path;
 }
 
+// frames.csv -> frames.enabled.csv / frames.disabled.csv.
+std::string comparedFrames(const std::string& path, bool enabled) {
+    const std::string run = enabled ? ".enabled" : ".disabled";
+    const size_t dot = path.rfind('.');
+    const size_t slash = path.rfind('/');
+    if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return path + run;
+    return path.substr(0, dot) + run + path.substr(dot);
+}
+
 // One child run of --compare; returns its summary.
 Json::Value childRun(const Options& options, bool enabled, const std::string& summaryPath,
                      const Json::Value& splitS = Json::Value()) {
@@ -104,6 +113,7 @@ Json::Value childRun(const Options& options, bool enabled, const std::string& su
     args.insert(args.end(), {"--quiet", "--summary", summaryPath});
     if (!enabled) args.push_back("--disable");
     if (splitS.isNumeric()) args.insert(args.end(), {"--phase-split", std::to_string(splitS.asDouble())});
+    if (!options.framesPath.empty()) args.insert(args.end(), {"--frames", comparedFrames(options.framesPath, enabled)});
     std::vector<char*> argv;
     for (std::string& a : args) argv.push_back(a.data());
     argv.push_back(nullptr);
