@@ -104,6 +104,9 @@ TEST_F(SimRun, BadInputStopsBeforeTheRun) {
     EXPECT_EQ(layer.status, 2);
     EXPECT_NE(layer.err.find("--replay: no layer"), std::string::npos) << layer.err;
 
+    const std::string sweep = write("sweep.json", R"({"axes": [{"hint": 4171, "values": [true]}]})");
+    expectRefused(run({"--sweep", sweep}), sweep, "axes[0].values[0]: must be a text, an integer");
+
     const Outcome print = run({"--print-default"});
     EXPECT_EQ(print.status, 0);
     EXPECT_EQ(print.out, kDefaultScenarioJson);

@@ -38,7 +38,7 @@ struct SweepSpec {
     std::string layer;  // whose figures rank the runs; empty: the first game's first layer
     uint32_t seed = 1;
     size_t sample = 0;  // 0: every combination
-    int reruns = 3;     // other seeds for the best setting and the baseline
+    int reruns = 4;     // other seeds for the best setting and the baseline
     std::vector<SweepAxis> axes;
 };
 

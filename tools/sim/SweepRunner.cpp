@@ -254,9 +254,10 @@ int sweep(const Options& options, const std::string& executable) {
             : options.summaryPath + ".best-scenario.json";
     if (!options.summaryPath.empty()) writeJson(bestFile, applySetting(base, spec, runs[best].setting));
     std::vector<Job> again;
+    // The best setting's own seed is played again too: a real-time run varies a little even on
+    // the same seed, and the spread should show it.
     for (int k = 0; k <= spec.reruns; ++k) {
         for (bool disabled : {false, true}) {
-            if (k == 0 && !disabled) continue;  // the sweep's own run of the best setting
             Job job;
             job.scenarioFile = disabled ? scenarioFile("baseline", base) : jobs[best].scenarioFile;
             job.seed = spec.seed + static_cast<uint32_t>(k);
@@ -267,7 +268,9 @@ int sweep(const Options& options, const std::string& executable) {
             again.push_back(job);
         }
     }
-    runner.run(&again, "re-runs");
+    // One at a time, as a run to reproduce the best setting will be played: runs side by side
+    // on a small machine disturb each other's timing a little.
+    Runner(executable, spec, 1).run(&again, "re-runs, one at a time");
     std::vector<SweepMetrics> bestMetrics{runs[best].metrics}, baseMetrics;
     for (const Job& job : again) {
         if (!job.ok) throw SweepFailure(kExitFailed, "a re-run failed: " + job.error);
