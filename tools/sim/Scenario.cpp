@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cmath>
 #include <cstdlib>
+#include <fstream>
 #include <limits>
 #include <memory>
 #include <set>
@@ -437,7 +438,7 @@ void validateScenario(const Scenario& s) {
     }
 }
 
-Scenario parseScenario(const std::string& text) {
+Json::Value parseStrictJson(const std::string& text) {
     Json::CharReaderBuilder builder;
     builder["allowComments"] = true;
     builder["rejectDupKeys"] = true;
@@ -449,7 +450,20 @@ Scenario parseScenario(const std::string& text) {
     if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors)) {
         throw syntaxError(errors);
     }
+    return root;
+}
 
+bool writeJsonFile(const std::string& path, const Json::Value& value) {
+    std::ofstream out(path);
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "  ";
+    out << Json::writeString(builder, value) << "\n";
+    out.close();
+    return static_cast<bool>(out);
+}
+
+Scenario parseScenario(const std::string& text) {
+    const Json::Value root = parseStrictJson(text);
     Fields f(root, "");
     Scenario s;
     s.name = f.string("name", "unnamed", true);

@@ -4,6 +4,8 @@
 // models, and a timeline of configuration hints, property changes and touch gestures. Plain
 // values, built once by the parser (and the command-line overrides) before any thread starts.
 
+#include <json/json.h>
+
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -166,6 +168,12 @@ struct Scenario {
     std::string property(const std::string& key, const std::string& fallback) const;
     void setProperty(const std::string& key, const std::string& value);
 };
+
+// JSON as the simulator's files are written: comments allowed, a key given twice, trailing text
+// or a non-object root refused. A syntax error throws ScenarioError with key "line L, column C".
+Json::Value parseStrictJson(const std::string& text);
+// Two-space indented; false when the file cannot be written.
+bool writeJsonFile(const std::string& path, const Json::Value& value);
 
 // Parses a scenario file's text. Unknown keys, wrong types and values out of range throw
 // ScenarioError naming the key; a JSON syntax error throws one with key "line L, column C".

@@ -116,24 +116,7 @@ SweepAxis parseAxis(const Json::Value& v, const std::string& path) {
 } // namespace
 
 SweepSpec parseSweep(const std::string& source) {
-    Json::CharReaderBuilder builder;
-    builder["allowComments"] = true;
-    builder["rejectDupKeys"] = true;
-    builder["failIfExtra"] = true;
-    builder["strictRoot"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value root;
-    std::string errors;
-    if (!reader->parse(source.data(), source.data() + source.size(), &root, &errors)) {
-        // "* Line 3, Column 5\n  Missing ..." on one line.
-        std::string first = errors.substr(0, errors.find('\n'));
-        first.erase(0, first.find_first_not_of("* "));
-        for (char& c : first) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-        std::string what = errors.size() > errors.find('\n') ? errors.substr(errors.find('\n') + 1) : "";
-        what.erase(0, what.find_first_not_of(" "));
-        what = what.substr(0, what.find('\n'));
-        throw ScenarioError(first.empty() ? "JSON" : first, what.empty() ? "not valid JSON" : what);
-    }
+    const Json::Value root = parseStrictJson(source);
     onlyKeys(root, "", {"scenario", "replay", "duration_s", "layer", "seed", "sample", "reruns", "axes"});
     SweepSpec spec;
     if (root.isMember("scenario")) spec.scenarioPath = text(root["scenario"], "scenario");

@@ -57,12 +57,7 @@ Json::Value parseJson(const std::string& text) {
 }
 
 void writeJson(const std::string& path, const Json::Value& value) {
-    std::ofstream out(path);
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    out << Json::writeString(builder, value) << "\n";
-    out.close();
-    if (!out) throw SweepFailure(kExitFailed, path + ": cannot write");
+    if (!writeJsonFile(path, value)) throw SweepFailure(kExitFailed, path + ": cannot write");
 }
 
 // One child run to be played.

@@ -69,12 +69,7 @@ Scenario loadScenario(const Options& options) {
 }
 
 void writeJson(const std::string& path, const Json::Value& value) {
-    std::ofstream out(path);
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "  ";
-    out << Json::writeString(builder, value) << "\n";
-    out.close();
-    if (!out) fail(kExitFailed, path + ": cannot write");
+    if (!writeJsonFile(path, value)) fail(kExitFailed, path + ": cannot write");
 }
 
 Json::Value readJson(const std::string& path) {
