@@ -151,7 +151,10 @@ def sync_scratch():
             if os.path.islink(src):
                 continue
             if not same_file(src, dst):
-                shutil.copy2(src, dst)
+                # A fresh mtime: the source's own may be older than an object the scratch build
+                # made from an earlier copy, and the build would then keep that stale object.
+                shutil.copyfile(src, dst)
+                shutil.copymode(src, dst)
     for dirpath, _dirnames, filenames in os.walk(SCRATCH):
         rel = os.path.relpath(dirpath, SCRATCH)
         for name in filenames:
