@@ -52,7 +52,8 @@ protected:
 } // namespace
 
 TEST_F(SceneReport, OneRepresentativePerUidByAreaThenMode) {
-    Producer small{1, k60Hz}, big{2, k60Hz}, other{3, 33'333'333};
+    // The largest layer stands for its app, even against a smaller one at a higher rate.
+    Producer small{1, k60Hz}, big{2, 33'333'333}, other{3, 33'333'333};
     small.uid = big.uid = 10'001;
     other.uid = 10'003;
     small.bounds = Rect{0, 0, 500, 500};
@@ -82,6 +83,7 @@ TEST_F(SceneReport, OneRepresentativePerUidByAreaThenMode) {
     EXPECT_FALSE(b.isMember("l") || b.isMember("t") || b.isMember("W"));
     EXPECT_EQ(b["r"].asInt(), 1080);
     EXPECT_EQ(b["b"].asInt(), 2400);
+    EXPECT_EQ(b["M"].asInt(), 30);
 
     // Equal areas: the higher fps mode represents the app.
     small.bounds = big.bounds;
