@@ -48,14 +48,14 @@ TEST(SimSweep, MistakesInASweepFileNameTheirKey) {
 }
 
 TEST(SimSweep, SettingsCoverTheGridOrARepeatableSample) {
-    SweepSpec spec = parseSweep(R"({"axes": [{"hint": 4171, "values": [4500, 6000, null]},
+    SweepSpec plan = parseSweep(R"({"axes": [{"hint": 4171, "values": [4500, 6000, null]},
                                              {"property": "p", "values": ["0", 1, true]}]})");
-    EXPECT_EQ(settingsOf(spec).size(), 9u);
-    EXPECT_EQ(settingsOf(spec)[5], (Setting{1, 2}));
-    spec.sample = 4;
-    const std::vector<Setting> sample = settingsOf(spec);
+    EXPECT_EQ(settingsOf(plan).size(), 9u);
+    EXPECT_EQ(settingsOf(plan)[5], (Setting{1, 2}));
+    plan.sample = 4;
+    const std::vector<Setting> sample = settingsOf(plan);
     EXPECT_EQ(sample.size(), 4u);
-    EXPECT_EQ(sample, settingsOf(spec)) << "the same seed draws the same sample";
+    EXPECT_EQ(sample, settingsOf(plan)) << "the same seed draws the same sample";
     EXPECT_EQ(std::set<Setting>(sample.begin(), sample.end()).size(), 4u);
 }
 
@@ -65,13 +65,13 @@ TEST(SimSweep, ASettingReplacesTheScenariosPushesOrAddsOne) {
         Json::Reader().parse(kDefaultScenarioJson, v);
         return v;
     }();
-    const SweepSpec spec = parseSweep(R"({"axes": [
+    const SweepSpec plan = parseSweep(R"({"axes": [
         {"hint": 4189, "values": ["com.example.game:jank=1.5", null]},
         {"hint": 4171, "text": "com.example.game", "values": [6000]},
         {"hint": 4321, "at_s": 2, "text": "x", "values": [7]},
         {"property": "vendor.perf.phr.enable", "values": [0]}]})");
-    const Json::Value tuned = applySetting(base, spec, {0, 0, 0, 0});
-    const std::vector<std::string> pushes = describeSetting(tuned, spec);
+    const Json::Value tuned = applySetting(base, plan, {0, 0, 0, 0});
+    const std::vector<std::string> pushes = describeSetting(tuned, plan);
     ASSERT_EQ(pushes.size(), 4u);
     EXPECT_EQ(pushes[0], R"(hint 4189 at 3 s {"text":"com.example.game:jank=1.5","values":[1]})")
             << "the scenario's own push keeps its time and other fields";
@@ -79,8 +79,8 @@ TEST(SimSweep, ASettingReplacesTheScenariosPushesOrAddsOne) {
     EXPECT_EQ(pushes[2], R"(hint 4321 at 2 s {"text":"x","value":7})") << "a hint the scenario lacks is added";
     EXPECT_EQ(pushes[3], "property vendor.perf.phr.enable = 0");
     EXPECT_NO_THROW(parseScenario(Json::FastWriter().write(tuned)));
-    EXPECT_EQ(describeSetting(applySetting(base, spec, {1, 0, 0, 0}), spec)[0], "hint 4189: not pushed");
-    EXPECT_EQ(settingLabel(spec, {1, 0, 0, 0}), "none | 6000 | 7 | 0");
+    EXPECT_EQ(describeSetting(applySetting(base, plan, {1, 0, 0, 0}), plan)[0], "hint 4189: not pushed");
+    EXPECT_EQ(settingLabel(plan, {1, 0, 0, 0}), "none | 6000 | 7 | 0");
 }
 
 Json::Value summaryWith(const char* timeline, double p50) {

@@ -118,42 +118,42 @@ SweepAxis parseAxis(const Json::Value& v, const std::string& path) {
 SweepSpec parseSweep(const std::string& source) {
     const Json::Value root = parseStrictJson(source);
     onlyKeys(root, "", {"scenario", "replay", "duration_s", "layer", "seed", "sample", "reruns", "axes"});
-    SweepSpec spec;
-    if (root.isMember("scenario")) spec.scenarioPath = text(root["scenario"], "scenario");
+    SweepSpec plan;
+    if (root.isMember("scenario")) plan.scenarioPath = text(root["scenario"], "scenario");
     if (root.isMember("replay")) {
         const Json::Value& r = root["replay"];
         if (!r.isObject()) throw ScenarioError("replay", "must be an object of layer label to capture file");
-        for (const std::string& layer : r.getMemberNames()) spec.replays.emplace_back(layer, text(r[layer], "replay." + layer));
+        for (const std::string& layer : r.getMemberNames()) plan.replays.emplace_back(layer, text(r[layer], "replay." + layer));
     }
-    if (root.isMember("duration_s")) spec.durationS = number(root["duration_s"], "duration_s", 0.1, 3600);
-    if (root.isMember("layer")) spec.layer = text(root["layer"], "layer");
-    if (root.isMember("seed")) spec.seed = static_cast<uint32_t>(number(root["seed"], "seed", 0, 4294967295.0));
-    if (root.isMember("sample")) spec.sample = static_cast<size_t>(number(root["sample"], "sample", 1, kMaxRuns));
-    if (root.isMember("reruns")) spec.reruns = static_cast<int>(number(root["reruns"], "reruns", 0, 20));
+    if (root.isMember("duration_s")) plan.durationS = number(root["duration_s"], "duration_s", 0.1, 3600);
+    if (root.isMember("layer")) plan.layer = text(root["layer"], "layer");
+    if (root.isMember("seed")) plan.seed = static_cast<uint32_t>(number(root["seed"], "seed", 0, 4294967295.0));
+    if (root.isMember("sample")) plan.sample = static_cast<size_t>(number(root["sample"], "sample", 1, kMaxRuns));
+    if (root.isMember("reruns")) plan.reruns = static_cast<int>(number(root["reruns"], "reruns", 0, 20));
     if (!root.isMember("axes")) throw ScenarioError("axes", "missing");
     const Json::Value& axes = root["axes"];
     if (!axes.isArray() || axes.empty()) throw ScenarioError("axes", "must be a non-empty list");
     size_t combinations = 1;
     for (Json::ArrayIndex i = 0; i < axes.size(); ++i) {
-        spec.axes.push_back(parseAxis(axes[i], "axes[" + std::to_string(i) + "]"));
-        combinations *= spec.axes.back().values.size();
-        if (combinations > kMaxRuns && spec.sample == 0) {
+        plan.axes.push_back(parseAxis(axes[i], "axes[" + std::to_string(i) + "]"));
+        combinations *= plan.axes.back().values.size();
+        if (combinations > kMaxRuns && plan.sample == 0) {
             throw ScenarioError("axes", "more than " + std::to_string(kMaxRuns) + " combinations; ask for a sample");
         }
     }
-    return spec;
+    return plan;
 }
 
-std::vector<Setting> settingsOf(const SweepSpec& spec) {
+std::vector<Setting> settingsOf(const SweepSpec& plan) {
     size_t total = 1;
-    for (const SweepAxis& axis : spec.axes) total = std::min(total * axis.values.size(), kMaxRuns + 1);
-    std::mt19937 random(spec.seed);
-    if (spec.sample > 0 && spec.sample < total) {
+    for (const SweepAxis& axis : plan.axes) total = std::min(total * axis.values.size(), kMaxRuns + 1);
+    std::mt19937 random(plan.seed);
+    if (plan.sample > 0 && plan.sample < total) {
         // Distinct combinations drawn with the sweep's seed, so that a sample repeats.
         std::set<Setting> drawn;
-        while (drawn.size() < spec.sample) {
+        while (drawn.size() < plan.sample) {
             Setting s;
-            for (const SweepAxis& axis : spec.axes) {
+            for (const SweepAxis& axis : plan.axes) {
                 s.push_back(std::uniform_int_distribution<size_t>(0, axis.values.size() - 1)(random));
             }
             drawn.insert(s);
@@ -161,7 +161,7 @@ std::vector<Setting> settingsOf(const SweepSpec& spec) {
         return {drawn.begin(), drawn.end()};
     }
     std::vector<Setting> all{Setting{}};
-    for (const SweepAxis& axis : spec.axes) {
+    for (const SweepAxis& axis : plan.axes) {
         std::vector<Setting> next;
         for (const Setting& s : all) {
             for (size_t v = 0; v < axis.values.size(); ++v) {
@@ -175,10 +175,10 @@ std::vector<Setting> settingsOf(const SweepSpec& spec) {
     return all;
 }
 
-Json::Value applySetting(const Json::Value& scenario, const SweepSpec& spec, const Setting& setting) {
+Json::Value applySetting(const Json::Value& scenario, const SweepSpec& plan, const Setting& setting) {
     Json::Value out = scenario;
-    for (size_t a = 0; a < spec.axes.size(); ++a) {
-        const SweepAxis& axis = spec.axes[a];
+    for (size_t a = 0; a < plan.axes.size(); ++a) {
+        const SweepAxis& axis = plan.axes[a];
         const Json::Value& value = axis.values[setting[a]];
         if (!axis.hint) {
             if (!out["properties"].isObject()) out["properties"] = Json::Value(Json::objectValue);
@@ -212,9 +212,9 @@ Json::Value applySetting(const Json::Value& scenario, const SweepSpec& spec, con
     return out;
 }
 
-std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& spec) {
+std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& plan) {
     std::vector<std::string> lines;
-    for (const SweepAxis& axis : spec.axes) {
+    for (const SweepAxis& axis : plan.axes) {
         if (!axis.hint) {
             lines.push_back("property " + axis.property + " = " + applied["properties"][axis.property].asString());
             continue;
@@ -235,10 +235,10 @@ std::vector<std::string> describeSetting(const Json::Value& applied, const Sweep
     return lines;
 }
 
-std::string settingLabel(const SweepSpec& spec, const Setting& setting) {
+std::string settingLabel(const SweepSpec& plan, const Setting& setting) {
     std::string label;
-    for (size_t a = 0; a < spec.axes.size(); ++a) {
-        const Json::Value& value = spec.axes[a].values[setting[a]];
+    for (size_t a = 0; a < plan.axes.size(); ++a) {
+        const Json::Value& value = plan.axes[a].values[setting[a]];
         std::string shown;
         if (value.isNull()) {
             shown = "none";
@@ -355,7 +355,7 @@ Json::Value metricsJson(const SweepMetrics& m) {
     return v;
 }
 
-void printSweepTable(const SweepSpec& spec, const std::vector<SweepRun>& runs, const std::vector<size_t>& order,
+void printSweepTable(const SweepSpec& plan, const std::vector<SweepRun>& runs, const std::vector<size_t>& order,
                      std::ostream& out) {
     auto f = [](const char* format, double v) {
         if (std::isnan(v)) return std::string("-");
@@ -382,7 +382,7 @@ void printSweepTable(const SweepSpec& spec, const std::vector<SweepRun>& runs, c
                  r.nonDominated ? "*" : "", f("%.1f", m.p50Ms).c_str(), f("%.1f", m.p95Ms).c_str(), m.late,
                  m.lateVsyncs ? std::to_string(*m.lateVsyncs).c_str() : "-", f("%.1f", m.presentedFps).c_str(),
                  boosts.c_str(), f("%.1f", m.holdP99Ms).c_str(), f("%.2f", m.libraryCpuMsPerS).c_str(),
-                 settingLabel(spec, r.setting).c_str());
+                 settingLabel(plan, r.setting).c_str());
         out << line;
     }
 }

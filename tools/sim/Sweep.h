@@ -48,18 +48,18 @@ using Setting = std::vector<size_t>;
 // Throws ScenarioError naming the key.
 SweepSpec parseSweep(const std::string& text);
 
-// Every combination in axis order, or `spec.sample` of them drawn with the sweep's seed.
-std::vector<Setting> settingsOf(const SweepSpec& spec);
+// Every combination in axis order, or `plan.sample` of them drawn with the sweep's seed.
+std::vector<Setting> settingsOf(const SweepSpec& plan);
 
 // The base scenario (as JSON) changed as the setting says: a hint value replaces the fields of
 // every push of that hint in the timeline (null removes them) or is pushed at the axis's time
 // when the scenario has none; a property value is set.
-Json::Value applySetting(const Json::Value& scenario, const SweepSpec& spec, const Setting& setting);
+Json::Value applySetting(const Json::Value& scenario, const SweepSpec& plan, const Setting& setting);
 
 // What the service pushes under the setting, from the scenario it plays (`applySetting`'s
 // result): each push of a swept hint with its time and fields, each swept property.
-std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& spec);
-std::string settingLabel(const SweepSpec& spec, const Setting& setting);
+std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& plan);
+std::string settingLabel(const SweepSpec& plan, const Setting& setting);
 
 struct SweepMetrics {
     double p50Ms = 0;  // NaN when no frame sampled a touch
@@ -101,7 +101,7 @@ struct Spread {
 };
 Spread spreadOf(const std::vector<SweepMetrics>& metrics);
 
-void printSweepTable(const SweepSpec& spec, const std::vector<SweepRun>& runs,
+void printSweepTable(const SweepSpec& plan, const std::vector<SweepRun>& runs,
                      const std::vector<size_t>& order, std::ostream& out);
 Json::Value metricsJson(const SweepMetrics& m);
 

@@ -75,8 +75,8 @@ struct Job {
 
 class Runner {
 public:
-    Runner(std::string executable, const SweepSpec& spec, int jobs)
-          : mExecutable(std::move(executable)), mSpec(spec), mJobs(std::max(1, jobs)) {}
+    Runner(std::string executable, const SweepSpec& plan, int jobs)
+          : mExecutable(std::move(executable)), mPlan(plan), mJobs(std::max(1, jobs)) {}
 
     // Plays every job, `mJobs` at a time, with a progress line on stderr.
     void run(std::vector<Job>* jobs, const std::string& what) {
@@ -112,12 +112,12 @@ private:
     pid_t spawn(const Job& job) {
         std::vector<std::string> args{mExecutable, job.scenarioFile, "--quiet", "--summary", job.summaryFile,
                                       "--seed", std::to_string(job.seed)};
-        if (mSpec.durationS) {
+        if (mPlan.durationS) {
             char text[32];
-            snprintf(text, sizeof(text), "%.17g", *mSpec.durationS);
+            snprintf(text, sizeof(text), "%.17g", *mPlan.durationS);
             args.insert(args.end(), {"--duration", text});
         }
-        for (const auto& [layer, file] : mSpec.replays) args.insert(args.end(), {"--replay", layer + "=" + file});
+        for (const auto& [layer, file] : mPlan.replays) args.insert(args.end(), {"--replay", layer + "=" + file});
         if (job.disabled) args.push_back("--disable");
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(a.data());
@@ -147,7 +147,7 @@ private:
     }
 
     const std::string mExecutable;
-    const SweepSpec& mSpec;
+    const SweepSpec& mPlan;
     const int mJobs;
 };
 
@@ -174,16 +174,16 @@ std::string spreadText(const Spread& s) {
 }
 
 int sweep(const Options& options, const std::string& executable) {
-    SweepSpec spec;
+    SweepSpec plan;
     try {
-        spec = parseSweep(slurp(options.sweepPath));
+        plan = parseSweep(slurp(options.sweepPath));
     } catch (const ScenarioError& e) {
         throw SweepFailure(kExitUsage, options.sweepPath + ": " + e.key() + ": " + e.reason());
     }
-    spec.scenarioPath = resolve(spec.scenarioPath, options.sweepPath);
-    for (auto& [layer, file] : spec.replays) file = resolve(file, options.sweepPath);
-    const std::string baseText = spec.scenarioPath.empty() ? kDefaultScenarioJson : slurp(spec.scenarioPath);
-    const std::string baseLabel = spec.scenarioPath.empty() ? "(built-in scenario)" : spec.scenarioPath;
+    plan.scenarioPath = resolve(plan.scenarioPath, options.sweepPath);
+    for (auto& [layer, file] : plan.replays) file = resolve(file, options.sweepPath);
+    const std::string baseText = plan.scenarioPath.empty() ? kDefaultScenarioJson : slurp(plan.scenarioPath);
+    const std::string baseLabel = plan.scenarioPath.empty() ? "(built-in scenario)" : plan.scenarioPath;
     try {
         parseScenario(baseText);
     } catch (const ScenarioError& e) {
@@ -201,26 +201,26 @@ int sweep(const Options& options, const std::string& executable) {
         return path;
     };
 
-    const std::vector<Setting> settings = settingsOf(spec);
+    const std::vector<Setting> settings = settingsOf(plan);
     std::vector<Job> jobs;
     for (size_t i = 0; i < settings.size(); ++i) {
-        const Json::Value scenario = applySetting(base, spec, settings[i]);
+        const Json::Value scenario = applySetting(base, plan, settings[i]);
         try {
             parseScenario(Json::writeString(writer, scenario));
         } catch (const ScenarioError& e) {
-            throw SweepFailure(kExitUsage, options.sweepPath + ": setting " + settingLabel(spec, settings[i]) +
+            throw SweepFailure(kExitUsage, options.sweepPath + ": setting " + settingLabel(plan, settings[i]) +
                                                    " makes the scenario invalid: " + e.key() + ": " + e.reason());
         }
         Job job;
         job.scenarioFile = scenarioFile("run-" + std::to_string(i + 1), scenario);
-        job.seed = spec.seed;
+        job.seed = plan.seed;
         job.summaryFile = dir + "/run-" + std::to_string(i + 1) + ".out.json";
         job.errorFile = dir + "/run-" + std::to_string(i + 1) + ".err";
         jobs.push_back(job);
     }
     const int parallel = options.jobs > 0 ? options.jobs : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
     fprintf(stderr, "pelyx-sim: sweep of %zu settings, %d at a time (runs in %s)\n", jobs.size(), parallel, dir.c_str());
-    Runner runner(executable, spec, parallel);
+    Runner runner(executable, plan, parallel);
     runner.run(&jobs, "sweep");
 
     std::vector<SweepRun> runs(jobs.size());
@@ -230,7 +230,7 @@ int sweep(const Options& options, const std::string& executable) {
         runs[i].error = jobs[i].error;
         if (jobs[i].ok) {
             try {
-                runs[i].metrics = metricsOf(jobs[i].summary, spec.layer);
+                runs[i].metrics = metricsOf(jobs[i].summary, plan.layer);
             } catch (const std::exception& e) {
                 throw SweepFailure(kExitUsage, options.sweepPath + ": layer: " + e.what());
             }
@@ -238,24 +238,24 @@ int sweep(const Options& options, const std::string& executable) {
     }
     const std::vector<size_t> order = rankRuns(&runs);
     std::cout << "pelyx-sim --sweep " << options.sweepPath << ": " << runs.size() << " settings of "
-              << baseLabel << ", seed " << spec.seed << "; * no other run is better on latency, late frames and boosts at once\n\n";
-    printSweepTable(spec, runs, order, std::cout);
+              << baseLabel << ", seed " << plan.seed << "; * no other run is better on latency, late frames and boosts at once\n\n";
+    printSweepTable(plan, runs, order, std::cout);
     if (runs[order[0]].failed) throw SweepFailure(kExitFailed, "every run failed; the first: " + runs[order[0]].error);
 
     // The best setting and the library switched off, again on other seeds.
     const size_t best = order[0];
     const std::string bestFile = options.summaryPath.empty()
-            ? scenarioFile("best", applySetting(base, spec, runs[best].setting))
+            ? scenarioFile("best", applySetting(base, plan, runs[best].setting))
             : options.summaryPath + ".best-scenario.json";
-    if (!options.summaryPath.empty()) writeJson(bestFile, applySetting(base, spec, runs[best].setting));
+    if (!options.summaryPath.empty()) writeJson(bestFile, applySetting(base, plan, runs[best].setting));
     std::vector<Job> again;
     // The best setting's own seed is played again too: a real-time run varies a little even on
     // the same seed, and the spread should show it.
-    for (int k = 0; k <= spec.reruns; ++k) {
+    for (int k = 0; k <= plan.reruns; ++k) {
         for (bool disabled : {false, true}) {
             Job job;
             job.scenarioFile = disabled ? scenarioFile("baseline", base) : jobs[best].scenarioFile;
-            job.seed = spec.seed + static_cast<uint32_t>(k);
+            job.seed = plan.seed + static_cast<uint32_t>(k);
             job.disabled = disabled;
             const std::string name = std::string(disabled ? "baseline" : "best") + "-" + std::to_string(job.seed);
             job.summaryFile = dir + "/" + name + ".out.json";
@@ -265,27 +265,27 @@ int sweep(const Options& options, const std::string& executable) {
     }
     // One at a time, as a run to reproduce the best setting will be played: runs side by side
     // on a small machine disturb each other's timing a little.
-    Runner(executable, spec, 1).run(&again, "re-runs, one at a time");
+    Runner(executable, plan, 1).run(&again, "re-runs, one at a time");
     std::vector<SweepMetrics> bestMetrics{runs[best].metrics}, baseMetrics;
     for (const Job& job : again) {
         if (!job.ok) throw SweepFailure(kExitFailed, "a re-run failed: " + job.error);
-        (job.disabled ? baseMetrics : bestMetrics).push_back(metricsOf(job.summary, spec.layer));
+        (job.disabled ? baseMetrics : bestMetrics).push_back(metricsOf(job.summary, plan.layer));
     }
     const Spread bestSpread = spreadOf(bestMetrics), baseSpread = spreadOf(baseMetrics);
 
-    std::string command = "pelyx-sim " + bestFile + " --seed " + std::to_string(spec.seed);
-    if (spec.durationS) {
+    std::string command = "pelyx-sim " + bestFile + " --seed " + std::to_string(plan.seed);
+    if (plan.durationS) {
         char duration[32];
-        snprintf(duration, sizeof(duration), " --duration %g", *spec.durationS);
+        snprintf(duration, sizeof(duration), " --duration %g", *plan.durationS);
         command += duration;
     }
-    for (const auto& [layer, file] : spec.replays) command += " --replay " + layer + "=" + file;
-    std::cout << "\nbest setting (" << settingLabel(spec, runs[best].setting) << "), as the service pushes it:\n";
-    for (const std::string& line : describeSetting(applySetting(base, spec, runs[best].setting), spec)) {
+    for (const auto& [layer, file] : plan.replays) command += " --replay " + layer + "=" + file;
+    std::cout << "\nbest setting (" << settingLabel(plan, runs[best].setting) << "), as the service pushes it:\n";
+    for (const std::string& line : describeSetting(applySetting(base, plan, runs[best].setting), plan)) {
         std::cout << "  " << line << "\n";
     }
     std::cout << "reproduce: " << command << "\n";
-    std::cout << "seeds " << spec.seed << " to " << spec.seed + static_cast<uint32_t>(spec.reruns) << ":\n"
+    std::cout << "seeds " << plan.seed << " to " << plan.seed + static_cast<uint32_t>(plan.reruns) << ":\n"
               << "  best setting:      " << spreadText(bestSpread) << "\n"
               << "  library disabled:  " << spreadText(baseSpread) << "\n";
     const bool apart = bestSpread.p50Max < baseSpread.p50Min || bestSpread.lateMax < baseSpread.lateMin;
@@ -298,17 +298,17 @@ int sweep(const Options& options, const std::string& executable) {
         out["schema"] = kSweepSchema;
         out["sweep"] = options.sweepPath;
         out["scenario"] = baseLabel;
-        out["layer"] = spec.layer;
-        out["seed"] = spec.seed;
+        out["layer"] = plan.layer;
+        out["seed"] = plan.seed;
         Json::Value list(Json::arrayValue);
         int rank = 0;
         for (size_t i : order) {
             const SweepRun& r = runs[i];
             Json::Value run = metricsJson(r.metrics);
             run["rank"] = r.failed ? Json::Value() : Json::Value(++rank);
-            run["label"] = settingLabel(spec, r.setting);
+            run["label"] = settingLabel(plan, r.setting);
             Json::Value pushes(Json::arrayValue);
-            for (const std::string& line : describeSetting(applySetting(base, spec, r.setting), spec)) pushes.append(line);
+            for (const std::string& line : describeSetting(applySetting(base, plan, r.setting), plan)) pushes.append(line);
             run["setting"] = pushes;
             run["non_dominated"] = r.nonDominated;
             run["janks"] = r.metrics.late;
@@ -318,7 +318,7 @@ int sweep(const Options& options, const std::string& executable) {
         }
         out["runs"] = list;
         Json::Value bestJson(Json::objectValue);
-        bestJson["label"] = settingLabel(spec, runs[best].setting);
+        bestJson["label"] = settingLabel(plan, runs[best].setting);
         bestJson["scenario_file"] = bestFile;
         bestJson["command"] = command;
         bestJson["spread"] = spreadJson(bestSpread);
