@@ -167,7 +167,11 @@ def sync_scratch():
 
 def configure():
     if os.path.exists(os.path.join(BUILD, "build.ninja")):
-        return True
+        # Regenerated first when sources came or went, so the list of test targets is current.
+        rc, out = run(["ninja", "-C", BUILD, "build.ninja"])
+        if rc != 0:
+            print(out)
+        return rc == 0
     cmd = ["cmake", "-S", SCRATCH, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
            "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++"]
     rc, out = run(cmd)
