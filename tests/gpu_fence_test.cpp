@@ -199,45 +199,4 @@ TEST_F(GpuFenceTest, FenceOriginDecidesAndIsCachedOnlyWhenKnown) {
     }
 }
 
-// The fence latched unsignaled is recorded against the oldest queued buffer and sent by the
-// next flush only, if that buffer has waited a frame; a latch or a notification drops it.
-TEST_F(GpuFenceTest, RecordedFenceIsSentByTheNextFlushOnly) {
-    start(true);
-    script("mavu-timeline_1");
-    gFake.deadlineErr = ENOTTY;
-    const int64_t t = mClock.now() + kMs;
-    queueAt(t);
-    queueAt(t + 5 * kMs);
-    track(81);
-    track(82); // replaces the first record
-    mClock.set(t + kVsync);
-    EXPECT_TRUE(take(gFake.deadlines).empty());
-    flush();
-    flush();
-    EXPECT_EQ(take(gFake.deadlines), std::vector<int>{82});
-    EXPECT_EQ(mLogs.count(kTag, ANDROID_LOG_ERROR,
-                          "[GPU JANK DETECTION] IOCTL failed, ret=-1, fd=82, errno=25"), 1u);
-
-    latch();
-    const int64_t t2 = mClock.now() + kMs;
-    queueAt(t2);
-    track(80);
-    mClock.set(t2 + kVsync - 1); // too early: dropped
-    flush();
-    mClock.advance(1000 * kMs);
-    flush();
-    EXPECT_TRUE(take(gFake.deadlines).empty());
-
-    queueAt(mClock.now() + kMs);
-    queueAt(mClock.now() + kMs);
-    track(80);
-    lm()->onBufferDecrement(kLayerName, kLayerId, 1, Rect{0, 0, 1080, 2400}, true, true);
-    mClock.advance(100 * kMs);
-    flush();
-    track(80);
-    notify(83);
-    flush();
-    EXPECT_EQ(take(gFake.deadlines), std::vector<int>{83});
-}
-
 } // namespace

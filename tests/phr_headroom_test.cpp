@@ -23,12 +23,6 @@ sp<LayerPHRState> highFpsLayer() {
     return s;
 }
 
-void frames(LayerPHRState& s, int n, double ratio, int64_t period = kP120, int32_t fps = 120) {
-    for (int i = 0; i < n; i++) {
-        s.updateDynamicHeadroom(static_cast<int64_t>(ratio * static_cast<double>(period)), period,
-                                fps, 1.8f);
-    }
-}
 
 } // namespace
 
@@ -91,73 +85,4 @@ TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
     EXPECT_EQ(s->mHeadroom.load(), s->maxHeadroom());
     for (int i = 0; i < 10; i++) s->updatePresetHeadroom(true, 2 * kMs, kP120);
     EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom());
-}
-
-TEST(PhrFixedAlgorithm, TwoMillisecondBoundsAreInclusive) {
-    sp<LayerPHRState> s = highFpsLayer();
-    const int64_t base = s->baseHeadroom();
-    const struct { int64_t frame, expected; } cases[] = {
-            {kP120 + 2 * kMs, base}, {kP120 - 2 * kMs, base}, {kP120 + 2 * kMs + 1, base + kMs},
-            {kP120 + 2 * kMs, base + kMs}, {kP120 - 2 * kMs - 1, base}};
-    for (const auto& c : cases) {
-        s->updateFixedHeadroom(c.frame, kP120);
-        EXPECT_EQ(s->mHeadroom.load(), c.expected) << c.frame - kP120;
-    }
-}
-
-TEST(PhrDynamicAlgorithm, RiseHoldAndResetAfterACleanWindow) {
-    sp<LayerPHRState> s = highFpsLayer();
-    const int64_t base = s->baseHeadroom();
-    frames(*s, 14, 1.6); // the window is not full yet
-    EXPECT_EQ(s->mHeadroom.load(), base);
-    frames(*s, 1, 1.6);
-    EXPECT_EQ(s->mHeadroom.load(), base + 2 * kMs);
-    EXPECT_EQ(s->frameWeightWindowSum(), 45);
-
-    // Heavy frames stay in the window 14 more frames, then the count runs up to 51 and the
-    // clean window restores base at once.
-    frames(*s, 14, 1.0);
-    EXPECT_EQ(s->heavyHeadroomFrameCount(), 2);
-    frames(*s, 48, 1.0);
-    EXPECT_EQ(s->heavyHeadroomFrameCount(), 50);
-    EXPECT_EQ(s->mHeadroom.load(), s->maxHeadroom());
-    frames(*s, 1, 1.0);
-    EXPECT_EQ(s->mHeadroom.load(), base);
-    EXPECT_EQ(s->weightWindowSize(), 0u);
-}
-
-TEST(PhrDynamicAlgorithm, DecaysSlowlyWhenTheWindowIsNotClean) {
-    sp<LayerPHRState> s = highFpsLayer();
-    frames(*s, 15, 1.3); // sum 30: lift, ceiling 1.8 P
-    frames(*s, 64, 0.5); // light frames: count reaches 51, window not clean
-    const int64_t top = s->mHeadroom.load();
-    frames(*s, 1, 0.5);
-    EXPECT_EQ(s->mHeadroom.load(), top - kMs / 10);
-    frames(*s, 400, 0.5);
-    EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom());
-    frames(*s, 12, 1.0); // a single heavy frame with a sum of 3 lifts again
-    frames(*s, 1, 1.25);
-    EXPECT_EQ(s->heavyHeadroomFrameCount(), 2);
-}
-
-TEST(PhrDynamicAlgorithm, CeilingFollowsTheLoadOnlyAtHighFps) {
-    sp<LayerPHRState> low = new LayerPHRState(1, "a");
-    ASSERT_TRUE(low->updateHeadRoom(0.5f, 0.5f, kP60, 60, 0.9f));
-    const int64_t ceiling = low->maxHeadroom();
-    frames(*low, 40, 2.0, kP60, 60);
-    EXPECT_EQ(low->maxHeadroom(), ceiling);
-    EXPECT_EQ(low->mHeadroom.load(), ceiling);
-
-    // 120 Hz: a sum below 30 sets 1.3 P, a very heavy window 1.8 P, kept for 50 frames.
-    const int64_t moderate = static_cast<int64_t>(static_cast<double>(kP120) * 1.3);
-    sp<LayerPHRState> s = highFpsLayer();
-    frames(*s, 14, 1.0);
-    frames(*s, 1, 1.3); // sum 16
-    EXPECT_EQ(s->maxHeadroom(), moderate);
-    frames(*s, 15, 3.0);
-    s->resetAdaptivePhrState(); // sum 0; the ceiling and its hold stay
-    for (int i = 0; i < 50; i++) s->updateMaxHeadroom(kP120, 1.8f);
-    EXPECT_EQ(s->maxHeadroom(), kHeavyCeiling);
-    s->updateMaxHeadroom(kP120, 1.8f);
-    EXPECT_EQ(s->maxHeadroom(), moderate);
 }
