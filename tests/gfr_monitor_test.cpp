@@ -5,8 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include "config/FeatureManager.h"
 #include "gfr/GFRMonitor.h"

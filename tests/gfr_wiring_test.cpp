@@ -2,8 +2,6 @@
 // checks, a late frame is boosted level by level and the boost is withdrawn by the next frame.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <thread>
 
 #include "config/FeatureManager.h"
 #include "gfr/GFRMonitor.h"

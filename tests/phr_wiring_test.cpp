@@ -1,9 +1,6 @@
 // The headroom monitor driven through the layer registry.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
-#include <thread>
 
 #include "config/FeatureManager.h"
 #include "layers/LayerManager.h"
