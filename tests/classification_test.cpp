@@ -19,15 +19,9 @@ using android::InGameTracker;
 using android::LayerInfo;
 using android::PerfProxy;
 
-namespace {
-
-std::string packageOf(const std::string& layerName) {
-    return PerfProxy::getInstance()->getPackageName(layerName);
-}
-
-} // namespace
-
-TEST(PackageName, EdgeCasesMatchTheEcmaScriptGrammar) {
+// The package is what SurfaceView[...] names, else what precedes the first '/'; a bare
+// InputMethod#<digits> is the keyboard.
+TEST(PackageName, EdgeCasesOfTheLayerNameGrammar) {
     const std::pair<std::string, std::string> cases[] = {
             {"SurfaceView[com.pkg/com.pkg.Activity]#123", "com.pkg"},
             {"VRI-SurfaceView[com.v/com.v.A]#7", "com.v"},
@@ -49,7 +43,7 @@ TEST(PackageName, EdgeCasesMatchTheEcmaScriptGrammar) {
             {"", ""},
     };
     for (const auto& [name, expected] : cases) {
-        EXPECT_EQ(packageOf(name), expected) << ::testing::PrintToString(name);
+        EXPECT_EQ(PerfProxy::getInstance()->getPackageName(name), expected) << ::testing::PrintToString(name);
     }
 }
 
