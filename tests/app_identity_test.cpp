@@ -1,7 +1,6 @@
 // App identity of tracked layers and the reactions to configuration pushes.
 #include <gtest/gtest.h>
 
-#include "config/FeatureManager.h"
 #include "layers/LayerManager.h"
 #include "support/RegistryDriver.h"
 
@@ -16,7 +15,6 @@ protected:
         perfd_stub::setProp("vendor.perf.phr.enable", "1");
         perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
         RegistryTest::SetUp();
-        features = FeatureManager::getInstance();
     }
 
     // Promotes a producer and waits until its app has been classified.
@@ -27,8 +25,6 @@ protected:
     }
 
     size_t gameQueries() { return perfd_stub::countCalls("perf_get_feedback"); }
-
-    FeatureManager* features = nullptr;
 };
 } // namespace
 

@@ -29,7 +29,7 @@ constexpr int64_t kMs = 1'000'000;
 struct FakeSyncFiles {
     std::mutex mutex;
     std::string name;
-    int ret = 0, err = 0, deadlineErr = 0;
+    int ret = 0, err = 0;
     std::vector<int> queries, deadlines;
     bool nonZeroRecord = false;
 } gFake;
@@ -41,8 +41,8 @@ int fakeIoctl(int fd, unsigned long request, void* arg) {
     const size_t size = info ? sizeof(sync_file_info) : sizeof(sync_set_deadline);
     gFake.nonZeroRecord |= std::any_of(bytes, bytes + size, [](unsigned char b) { return b; });
     (info ? gFake.queries : gFake.deadlines).push_back(fd);
-    errno = info ? gFake.err : gFake.deadlineErr;
-    if (!info) return gFake.deadlineErr == 0 ? 0 : -1;
+    if (!info) return 0;
+    errno = gFake.err;
     if (gFake.ret != 0) return gFake.ret;
     auto* record = static_cast<sync_file_info*>(arg);
     memcpy(record->name, gFake.name.data(), std::min(gFake.name.size(), sizeof(record->name)));
@@ -96,8 +96,6 @@ protected:
         lm()->onBufferDecrement(kLayerName, kLayerId, 0, Rect{0, 0, 1080, 2400}, true, true);
     }
     void notify(int fd) { lm()->notifyGpuFenceUnsignaled(fd, kLayerId); }
-    void track(int fd) { lm()->trackLatchUnsignaledGpuFence(fd, kLayerId); }
-    void flush() { lm()->flushLatchUnsignaledGpuFences(); }
 
     ManualClock mClock;
     LogCapture mLogs;
@@ -131,10 +129,10 @@ TEST_F(GpuFenceTest, ThresholdIsTheLayerPeriodOrTheVsyncPeriod) {
     mClock.advance(1000 * kMs);
     notify(40);
     lm()->setVsyncPeriod(kVsync);
-    track(40); // switched off: not recorded
+    lm()->trackLatchUnsignaledGpuFence(40, kLayerId); // switched off: not recorded
     EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
     mLayer->mPendingLatchFenceFd = 40; // a record left from before is only cleared
-    flush();
+    lm()->flushLatchUnsignaledGpuFences();
     EXPECT_EQ(mLayer->mPendingLatchFenceFd, -1);
     EXPECT_TRUE(take(gFake.deadlines).empty());
     EXPECT_FALSE(gFake.nonZeroRecord);
@@ -152,8 +150,8 @@ TEST_P(GpuFenceMultiplierTest, ScalesTheThresholdOnBothPaths) {
     for (int64_t waited : {int64_t{8'333'332}, huge ? 3'600'000 * kMs : 8'333'333}) {
         mClock.set(t + waited);
         notify(40);
-        track(40);
-        flush();
+        lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
+        lm()->flushLatchUnsignaledGpuFences();
     }
     EXPECT_EQ(take(gFake.deadlines).size(), huge ? 0u : 2u);
 }
