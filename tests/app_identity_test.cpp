@@ -1,4 +1,4 @@
-// App identity of tracked layers and the reactions to configuration pushes.
+// App identity of tracked layers: classification, its per-uid cache and eviction.
 #include <gtest/gtest.h>
 
 #include "layers/LayerManager.h"

@@ -1,5 +1,5 @@
-// Game frame rescue. Most cases run checks by hand on a manual clock against the kept queue of a
-// stopped monitor (init, then forceStop); the last ones let "BLT" run them.
+// Game frame rescue: checks run by hand on a manual clock against the kept queue of a stopped
+// monitor (init, then forceStop).
 
 #include <PerfdControl.h>
 #include <gtest/gtest.h>
@@ -63,20 +63,16 @@ protected:
     void SetUp() override {
         perfd_stub::setProp("vendor.perf.pelyx.debug", "1");
         android::FeatureManager::getInstance(); // takes the debug switch from the property
-    }
-    void TearDown() override { monitor.forceStop(); }
-    void stopped() {
         ASSERT_TRUE(monitor.init());
-        monitor.forceStop();
+        monitor.forceStop(); // checks stay in the kept queue until a test runs them
     }
-    // Without `dynamic` or `flag` the layer keeps its package's tunables.
-    android::sp<android::LayerGFRState> addLayer(bool dynamic = false, int32_t flag = 0) {
+    // Without `dynamic` the layer keeps its package's tunables.
+    android::sp<android::LayerGFRState> addLayer(bool dynamic = false) {
         monitor.setVsyncInfo(kPeriod, 2);
         monitor.registerLayer(kId, kName, "com.game");
         GfrTunables tunables;
         tunables.dynamic = dynamic;
-        tunables.flag = flag;
-        if (dynamic || flag) monitor.updateLayerTunables(kId, tunables);
+        if (dynamic) monitor.updateLayerTunables(kId, tunables);
         monitor.setGFRActive(kId, true);
         return peer.state(kId);
     }
@@ -98,7 +94,6 @@ protected:
 } // namespace
 
 TEST_F(GfrTest, PeriodFollowsFpsAtQueueEndAndVsyncAtFrameBegin) {
-    stopped();
     monitor.registerLayer(kId, kName, "com.game"); // no vsync period yet
     monitor.setGFRActive(kId, true);
     auto s = peer.state(kId);
@@ -128,7 +123,6 @@ TEST_F(GfrTest, PeriodFollowsFpsAtQueueEndAndVsyncAtFrameBegin) {
 }
 
 TEST_F(GfrTest, OnlyAFrameBeginCancelsAPendingCheck) {
-    stopped();
     auto s = addLayer();
     frame();
     const uint64_t first = s->mPendingCheckId;
@@ -142,7 +136,6 @@ TEST_F(GfrTest, OnlyAFrameBeginCancelsAPendingCheck) {
 }
 
 TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
-    stopped();
     auto s = addLayer(true);
     s->mGoldenNs = 10 * kMs;
     const struct { int64_t ttd; bool lower; int32_t freq; uint32_t flags; } byTtd[] = {

@@ -1,5 +1,5 @@
-// Frame rescue driven through the layer registry: a game layer at its vsync rate gets deadline
-// checks, a late frame is boosted level by level and the boost is withdrawn by the next frame.
+// Frame rescue driven through the layer registry: which layers are rescued, and the drops and
+// rate the monitor is told.
 #include <gtest/gtest.h>
 
 

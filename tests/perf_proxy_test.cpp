@@ -1,10 +1,10 @@
 #include "perf/PerfProxy.h"
 
-#include <dirent.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <filesystem>
 #include <fstream>
 #include <future>
 #include <string>
@@ -14,13 +14,10 @@ using android::PerfProxy;
 namespace {
 int threadsNamed(const std::string& wanted) {
     int found = 0;
-    DIR* dir = opendir("/proc/self/task");
-    while (dirent* entry = dir ? readdir(dir) : nullptr) {
-        std::ifstream comm(std::string("/proc/self/task/") + entry->d_name + "/comm");
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
         std::string name;
-        found += std::getline(comm, name) && name == wanted;
+        found += std::getline(std::ifstream(task.path() / "comm"), name) && name == wanted;
     }
-    if (dir) closedir(dir);
     return found;
 }
 } // namespace

@@ -1,4 +1,4 @@
-// Headroom arithmetic and the fixed and dynamic algorithms on explicit periods and frame times.
+// Headroom arithmetic and the preset steps on explicit periods.
 
 #include <gtest/gtest.h>
 
@@ -15,15 +15,6 @@ constexpr int64_t kP60 = 16'666'666;
 constexpr int64_t kP120 = 8'333'333;
 constexpr int64_t kMs = 1'000'000;
 const int64_t kHeavyCeiling = static_cast<int64_t>(1.8f * static_cast<float>(kP120));
-
-// A 120 Hz layer at base 4 166 666 with the high-fps ceiling 1.8 x P.
-sp<LayerPHRState> highFpsLayer() {
-    sp<LayerPHRState> s = new LayerPHRState(7, "game");
-    EXPECT_TRUE(s->updateHeadRoom(0.0f, 0.5f, kP120, 120, 1.8f));
-    return s;
-}
-
-
 } // namespace
 
 TEST(PhrBaseHeadroom, RatesPeriodsAndTheVsyncGuard) {
@@ -69,7 +60,8 @@ TEST(PhrBaseHeadroom, RatesPeriodsAndTheVsyncGuard) {
 }
 
 TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
-    sp<LayerPHRState> s = highFpsLayer();
+    sp<LayerPHRState> s = new LayerPHRState(7, "game"); // 120 Hz, base 4 166 666
+    ASSERT_TRUE(s->updateHeadRoom(0.0f, 0.5f, kP120, 120, 1.8f));
     const int64_t t = kP120 / 10;
     const struct { bool down; int64_t step, expected; } steps[] = {
             {false, 2 * kMs, 6'166'666},   // far from a multiple: no snap

@@ -1,5 +1,5 @@
 // Held queue threads on the real clock. A one-second period keeps the intended release points far
-// from the time-outs; every queue call runs under a 2 s watchdog.
+// from the time-outs; each check holds on a loaded machine.
 
 #include <gtest/gtest.h>
 #include <utils/Timers.h>

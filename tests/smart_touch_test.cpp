@@ -1,4 +1,4 @@
-// App-side smart touch: instant buffers and MOVE batches held for the next frame.
+// App-side smart touch: boosts on down and up, instant buffers, MOVEs and the switches.
 #include <gtest/gtest.h>
 
 #include <vector>
@@ -17,6 +17,18 @@ using pelyx_test::ManualClock;
 namespace {
 constexpr int64_t kMs = 1'000'000;
 constexpr int kDown = 0, kUp = 1, kMove = 2, kPointerDown = 5, kPointerUp = 6, kHoverMove = 7;
+
+// What aPelyxFilterBuffer makes of a buffer with an automatic timestamp and these flags.
+struct Filtered {
+    bool autoTs = true;
+    int64_t present = 0;
+    uint32_t flags = 0;
+};
+Filtered filter(uint32_t flags = 0) {
+    Filtered f{true, 0, flags};
+    aPelyxFilterBuffer(&f.autoTs, &f.present, &f.flags);
+    return f;
+}
 
 class SmartTouch : public testing::Test {
 protected:
@@ -62,10 +74,7 @@ TEST_F(SmartTouch, EveryKindOfDownOrUpBoostsAfterAPauseFromTheLastOne) {
     }
     EXPECT_EQ(ids, std::vector<int32_t>(4, 110));
     // The pause runs from the last down or up, whether it boosted or not.
-    bool autoTs = true;
-    int64_t present = 0;
-    uint32_t flags = 0;
-    aPelyxFilterBuffer(&autoTs, &present, &flags); // takes the pending touch
+    filter(); // takes the pending touch
     for (int action : {kDown, kUp}) {
         clock.advance(200 * kMs);
         aPelyxSetTouchEvent(action);
@@ -77,24 +86,19 @@ TEST_F(SmartTouch, EveryKindOfDownOrUpBoostsAfterAPauseFromTheLastOne) {
 TEST_F(SmartTouch, InstantBufferAfterATouchWithHeadroom) {
     frame(4 * kMs); // more than 1 ms between pre-queue and queue
     aPelyxSetTouchEvent(kDown);
-    bool autoTs = true;
-    int64_t present = 0;
-    uint32_t flags = 0x21;
     // The trace switch alone asks for the log line; no trace file is open.
     LogCapture logs;
-    aPelyxFilterBuffer(&autoTs, &present, &flags);
-    EXPECT_FALSE(autoTs);
-    EXPECT_EQ(present, clock.now() - 5 * kMs);
-    EXPECT_EQ(flags, 0x01u);
+    Filtered f = filter(0x21);
+    EXPECT_FALSE(f.autoTs);
+    EXPECT_EQ(f.present, clock.now() - 5 * kMs);
+    EXPECT_EQ(f.flags, 0x01u);
     EXPECT_EQ(logs.count("Pelyx", ANDROID_LOG_DEBUG,
                          "SurfaceFlinger: Smart touch debug: set desiredPresentTime for this frame."),
               1u);
     // Only the first buffer after the touch.
-    autoTs = true;
-    present = 0;
-    aPelyxFilterBuffer(&autoTs, &present, &flags);
-    EXPECT_TRUE(autoTs);
-    EXPECT_EQ(present, 0);
+    f = filter(0x21);
+    EXPECT_TRUE(f.autoTs);
+    EXPECT_EQ(f.present, 0);
 }
 
 // Either switch lets the queue path time buffers; only smart touch makes one instant.
@@ -111,10 +115,6 @@ TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouc
         aPelyxQueueBuffer(false);
         clock.advance(400 * kMs);
         aPelyxSetTouchEvent(kDown);
-        bool autoTs = true;
-        int64_t present = 0;
-        uint32_t flags = 0;
-        aPelyxFilterBuffer(&autoTs, &present, &flags);
-        EXPECT_EQ(!autoTs, c.instant) << c.st << c.stm;
+        EXPECT_EQ(!filter().autoTs, c.instant) << c.st << c.stm;
     }
 }
