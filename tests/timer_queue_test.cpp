@@ -12,9 +12,7 @@
 
 using namespace android;
 
-namespace {
 constexpr int64_t ms(int64_t v) { return v * 1000000; }
-} // namespace
 
 // A task's captured state may use the queue from its destructor, so the queue never releases an
 // entry while it holds its own lock.
