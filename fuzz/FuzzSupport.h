@@ -43,12 +43,6 @@ public:
         return values;
     }
 
-    std::string rest() {
-        std::string s(reinterpret_cast<const char*>(mData + mPos), mSize - mPos);
-        mPos = mSize;
-        return s;
-    }
-
 private:
     const uint8_t* mData;
     size_t mSize;

@@ -44,7 +44,6 @@ pairs = {
     "libpelyx_platform": listed("src/platform/common") | listed("src/platform/android"),
     "libpelyx_platform_host": cmake["pelyx_platform"],
     "libtvo-perfd-client_system": cmake["perfd_stub"],
-    "libpelyx_test_support": cmake["pelyx_test_support"],
 }
 # Tests that stay CMake-only: the simulator's, and those that need a variant of the stand-in
 # client on their library path or the built library's own path.

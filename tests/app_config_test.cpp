@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <climits>
 
 #include "PerfdControl.h"
 #include "config/FeatureManager.h"
@@ -106,18 +105,6 @@ TEST_F(AppConfig, HeadroomRatesTakeSecondAndFourthValues) {
     EXPECT_EQ(announcements(), 2u);
 }
 
-TEST(AppConfigQuickTouchOff, HeadroomHintRefusedButAnnounced) {
-    LogCapture logs;
-    perfd_stub::setProp("vendor.perf.pelyx.debug", "1");
-    FeatureManager* fm = FeatureManager::getInstance();
-    fm->setCallbackHintValue(4187, "com.game", 0, 0, {0, 80, 0, 120});
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "set PhrMinRate fail, Quick Touch disable!"), 1u);
-    EXPECT_EQ(logs.count("Pelyx.LayerManager", ANDROID_LOG_ERROR, "LayerManager not initialized"),
-              1u);
-    EXPECT_FALSE(fm->getPhrConfig("com.game", true).has_value());
-    EXPECT_FALSE(fm->getTfpsConfig("com.game", true).has_value()) << "target fps is off too";
-}
-
 // Flags 1 and 2 update starting from the app's entry, 0 removes it, anything else is refused.
 TEST_F(AppConfig, FrameRescueFlagsAndTunables) {
     const struct {
@@ -170,23 +157,4 @@ TEST_F(AppConfig, FrameRescueGlobalJankThresholds) {
     EXPECT_EQ(t->flag, 2);
     EXPECT_EQ(t->jankThresholds.size(), 3u);
     EXPECT_EQ(announcements(), 2u);
-}
-
-TEST_F(AppConfig, HostileHintsAreDroppedQuietly) {
-    push(4171, "60", 0);
-    logs.clear();
-    for (int id : {0, -1, 4170, 4172, 4188, 4190, 4191, 4193, INT_MAX, INT_MIN}) {
-        push(id, "com.game", 4500, {1});
-    }
-    EXPECT_TRUE(logs.lines().empty());
-
-    std::string hostile(1 << 20, '"');
-    hostile[10] = '\n';
-    push(4171, hostile, INT_MAX);
-    push(4187, hostile, 0, std::vector<int>(100000, INT_MIN));
-    push(4189, hostile + ":" + hostile, 0, {1, INT_MAX});
-    push(4171, std::string(5000, '9'), 0); // numeric text far beyond any float
-    EXPECT_FLOAT_EQ(fps(""), 60.0f);
-    EXPECT_FALSE(fm->getGFRTunables(hostile, false).has_value());
-    EXPECT_FALSE(fm->getPhrConfig(hostile, false).has_value());
 }

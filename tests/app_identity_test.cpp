@@ -1,7 +1,6 @@
-// App identity of tracked layers and the reactions to configuration pushes.
+// App identity of tracked layers: classification, its per-uid cache and eviction.
 #include <gtest/gtest.h>
 
-#include "config/FeatureManager.h"
 #include "layers/LayerManager.h"
 #include "support/RegistryDriver.h"
 
@@ -16,7 +15,6 @@ protected:
         perfd_stub::setProp("vendor.perf.phr.enable", "1");
         perfd_stub::setProp("vendor.ruvo.enable.target_fps", "1");
         RegistryTest::SetUp();
-        features = FeatureManager::getInstance();
     }
 
     // Promotes a producer and waits until its app has been classified.
@@ -27,8 +25,6 @@ protected:
     }
 
     size_t gameQueries() { return perfd_stub::countCalls("perf_get_feedback"); }
-
-    FeatureManager* features = nullptr;
 };
 } // namespace
 
@@ -84,116 +80,4 @@ TEST_F(AppIdentity, AFifthLayerEvictsANonGameBeforeAGame) {
     // All focused: the non-games go first, the newcomer (no mode yet) before layer 3.
     EXPECT_FALSE(tracked(5));
     EXPECT_TRUE(tracked(1) && tracked(2) && tracked(4)) << "no game is evicted";
-}
-
-TEST_F(AppIdentity, EleventhAppEvictsTheLeastRecentlySeen) {
-    for (int32_t id = 1; id <= 11; id++) {
-        Producer p{id, k60Hz};
-        p.uid = 10'000 + id;
-        promote(p);
-        clock.advance(2'100 * kMs); // silent: marked, then removed
-        lm->cleanupInactiveLayers(clock.now());
-        lm->cleanupInactiveLayers(clock.now() + 1'000 * kMs);
-        ASSERT_FALSE(tracked(id));
-    }
-    EXPECT_EQ(lm->appInfoCount(), 10u);
-    EXPECT_FALSE(lm->getAppInfo(10'001).has_value());
-    EXPECT_TRUE(lm->getAppInfo(10'002).has_value());
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "Remove oldest app from mAppInfoMap: [com.app1]"), 1u);
-
-    // The evicted app is classified again when it comes back.
-    const size_t queries = gameQueries();
-    Producer back{1, k60Hz};
-    back.uid = 10'001;
-    promote(back);
-    EXPECT_GT(gameQueries(), queries);
-    EXPECT_TRUE(lm->getAppInfo(10'001).has_value());
-}
-
-TEST_F(AppIdentity, LoadsPerAppSettingsWithGlobalFallbackForGames) {
-    perfd_stub::setGame("com.app1", true);
-    features->setCallbackHintValue(4171, "45", 0, 0, {});                 // global target
-    features->setCallbackHintValue(4187, "com.app2", 0, 0, {0, 70, 0, 110});
-    features->setCallbackHintValue(4189, "com.app2:golden=0.8", 0, 0, {1});
-    Producer game{1, k60Hz};
-    Producer app{2, k60Hz};
-    app.uid = 10'002;
-    promote(game);
-    promote(app);
-    auto g = lm->getLayerStatus(1);
-    EXPECT_FLOAT_EQ(g->targetFps, 45.0f) << "a game falls back to the global entry";
-    EXPECT_FALSE(g->gfrEnabled);
-    auto a = lm->getLayerStatus(2);
-    EXPECT_FLOAT_EQ(a->targetFps, 0.0f) << "other apps do not";
-    EXPECT_TRUE(a->gfrEnabled);
-    EXPECT_FALSE(a->phrConfigValid) << "headroom rates are loaded for games only";
-}
-
-TEST_F(AppIdentity, HostAppIsRescuedOnlyInItsMiniGameScene) {
-    features->setCallbackHintValue(4189, "com.tencent.mm:golden=0.8", 0, 0, {1});
-    Producer chat{1, k60Hz};
-    chat.layerName = "com.tencent.mm/com.tencent.mm.ui.LauncherUI#1";
-    Producer mini{2, k60Hz};
-    mini.layerName = "SurfaceView[com.tencent.mm/com.tencent.mm.plugin.appbrand.ui.AppBrandUI]#2";
-    run({&chat, &mini}, 600 * kMs);
-    ASSERT_TRUE(drainBoostThread());
-    EXPECT_FALSE(lm->getLayerStatus(1)->gfrEnabled);
-    EXPECT_TRUE(lm->getLayerStatus(2)->gfrEnabled);
-
-    // A later push keeps the carve-out.
-    features->setCallbackHintValue(4189, "com.tencent.mm:golden=0.9", 0, 0, {2});
-    EXPECT_FALSE(lm->getLayerStatus(1)->gfrEnabled);
-    EXPECT_TRUE(lm->getLayerStatus(2)->gfrEnabled);
-    features->setCallbackHintValue(4189, "com.tencent.mm:x", 0, 0, {0});
-    EXPECT_FALSE(lm->getLayerStatus(2)->gfrEnabled);
-}
-
-TEST_F(AppIdentity, GlobalPushAppliesToTheFirstGameOrToNothing) {
-    Producer app{1, k60Hz};
-    promote(app);
-    features->setCallbackHintValue(4171, "50", 0, 0, {});
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->targetFps, 0.0f);
-    EXPECT_EQ(logs.countContaining(kTag, "blind mode"), 0u);
-    EXPECT_EQ(logs.countContaining(kTag, "OnFeatureConfigChanged - TARGET_FPS"), 0u);
-
-    perfd_stub::setGame("com.app2", true);
-    Producer game{2, k60Hz};
-    game.uid = 10'002;
-    run({&app, &game}, 600 * kMs);
-    ASSERT_TRUE(drainBoostThread());
-    features->setCallbackHintValue(4171, "40", 0, 0, {});
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "Feature config blind mode select com.app2"), 1u);
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(2)->targetFps, 40.0f);
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->targetFps, 0.0f);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG,
-                         "OnFeatureConfigChanged - TARGET_FPS: targetFps=40.00, pkgName=com.app2"), 1u);
-}
-
-TEST_F(AppIdentity, HeadroomRateChangesOfAHundredthOrLessAreIgnored) {
-    perfd_stub::setGame("com.app1", true);
-    Producer game{1, k60Hz};
-    promote(game);
-    features->setCallbackHintValue(4187, "com.app1", 0, 0, {0, 80, 0, 120});
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->phrMinRate, 0.80f);
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->highFpsPhrMinRate, 1.20f);
-    features->setCallbackHintValue(4187, "com.app1", 0, 0, {0, 81, 0, 150});
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->phrMinRate, 0.80f) << "a 60 Hz display compares the normal rate";
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->highFpsPhrMinRate, 1.20f);
-    features->setCallbackHintValue(4187, "com.app1", 0, 0, {0, 82, 0, 150});
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->phrMinRate, 0.82f);
-    EXPECT_FLOAT_EQ(lm->getLayerStatus(1)->highFpsPhrMinRate, 1.50f);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG,
-                         "OnFeatureConfigChanged - QUICK_TOUCH: set enabled=1, phrMinRate=0.82, "
-                         "highFpsPhrMinRate=1.50, pkgName=com.app1"), 1u);
-}
-
-TEST_F(AppIdentity, EventOnlyFeatures) {
-    features->setCallbackHintValue(4192, "com.x", 2, 0, {});
-    EXPECT_TRUE(lm->isActvStable());
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG,
-                         "OnFeatureConfigChanged - ACTV_SWITCHING: mActvStable=true"), 1u);
-    features->setCallbackHintValue(4192, "com.x", 1, 0, {});
-    EXPECT_TRUE(lm->hasConcurrencyEvent());
-    lm->onFeatureConfigChanged(static_cast<Feature>(42), "");
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "Unknown feature"), 1u);
 }

@@ -1,4 +1,4 @@
-// Headroom arithmetic and the fixed and dynamic algorithms on explicit periods and frame times.
+// Headroom arithmetic and the preset steps on explicit periods.
 
 #include <gtest/gtest.h>
 
@@ -15,21 +15,6 @@ constexpr int64_t kP60 = 16'666'666;
 constexpr int64_t kP120 = 8'333'333;
 constexpr int64_t kMs = 1'000'000;
 const int64_t kHeavyCeiling = static_cast<int64_t>(1.8f * static_cast<float>(kP120));
-
-// A 120 Hz layer at base 4 166 666 with the high-fps ceiling 1.8 x P.
-sp<LayerPHRState> highFpsLayer() {
-    sp<LayerPHRState> s = new LayerPHRState(7, "game");
-    EXPECT_TRUE(s->updateHeadRoom(0.0f, 0.5f, kP120, 120, 1.8f));
-    return s;
-}
-
-void frames(LayerPHRState& s, int n, double ratio, int64_t period = kP120, int32_t fps = 120) {
-    for (int i = 0; i < n; i++) {
-        s.updateDynamicHeadroom(static_cast<int64_t>(ratio * static_cast<double>(period)), period,
-                                fps, 1.8f);
-    }
-}
-
 } // namespace
 
 TEST(PhrBaseHeadroom, RatesPeriodsAndTheVsyncGuard) {
@@ -75,7 +60,8 @@ TEST(PhrBaseHeadroom, RatesPeriodsAndTheVsyncGuard) {
 }
 
 TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
-    sp<LayerPHRState> s = highFpsLayer();
+    sp<LayerPHRState> s = new LayerPHRState(7, "game"); // 120 Hz, base 4 166 666
+    ASSERT_TRUE(s->updateHeadRoom(0.0f, 0.5f, kP120, 120, 1.8f));
     const int64_t t = kP120 / 10;
     const struct { bool down; int64_t step, expected; } steps[] = {
             {false, 2 * kMs, 6'166'666},   // far from a multiple: no snap
@@ -91,73 +77,4 @@ TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
     EXPECT_EQ(s->mHeadroom.load(), s->maxHeadroom());
     for (int i = 0; i < 10; i++) s->updatePresetHeadroom(true, 2 * kMs, kP120);
     EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom());
-}
-
-TEST(PhrFixedAlgorithm, TwoMillisecondBoundsAreInclusive) {
-    sp<LayerPHRState> s = highFpsLayer();
-    const int64_t base = s->baseHeadroom();
-    const struct { int64_t frame, expected; } cases[] = {
-            {kP120 + 2 * kMs, base}, {kP120 - 2 * kMs, base}, {kP120 + 2 * kMs + 1, base + kMs},
-            {kP120 + 2 * kMs, base + kMs}, {kP120 - 2 * kMs - 1, base}};
-    for (const auto& c : cases) {
-        s->updateFixedHeadroom(c.frame, kP120);
-        EXPECT_EQ(s->mHeadroom.load(), c.expected) << c.frame - kP120;
-    }
-}
-
-TEST(PhrDynamicAlgorithm, RiseHoldAndResetAfterACleanWindow) {
-    sp<LayerPHRState> s = highFpsLayer();
-    const int64_t base = s->baseHeadroom();
-    frames(*s, 14, 1.6); // the window is not full yet
-    EXPECT_EQ(s->mHeadroom.load(), base);
-    frames(*s, 1, 1.6);
-    EXPECT_EQ(s->mHeadroom.load(), base + 2 * kMs);
-    EXPECT_EQ(s->frameWeightWindowSum(), 45);
-
-    // Heavy frames stay in the window 14 more frames, then the count runs up to 51 and the
-    // clean window restores base at once.
-    frames(*s, 14, 1.0);
-    EXPECT_EQ(s->heavyHeadroomFrameCount(), 2);
-    frames(*s, 48, 1.0);
-    EXPECT_EQ(s->heavyHeadroomFrameCount(), 50);
-    EXPECT_EQ(s->mHeadroom.load(), s->maxHeadroom());
-    frames(*s, 1, 1.0);
-    EXPECT_EQ(s->mHeadroom.load(), base);
-    EXPECT_EQ(s->weightWindowSize(), 0u);
-}
-
-TEST(PhrDynamicAlgorithm, DecaysSlowlyWhenTheWindowIsNotClean) {
-    sp<LayerPHRState> s = highFpsLayer();
-    frames(*s, 15, 1.3); // sum 30: lift, ceiling 1.8 P
-    frames(*s, 64, 0.5); // light frames: count reaches 51, window not clean
-    const int64_t top = s->mHeadroom.load();
-    frames(*s, 1, 0.5);
-    EXPECT_EQ(s->mHeadroom.load(), top - kMs / 10);
-    frames(*s, 400, 0.5);
-    EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom());
-    frames(*s, 12, 1.0); // a single heavy frame with a sum of 3 lifts again
-    frames(*s, 1, 1.25);
-    EXPECT_EQ(s->heavyHeadroomFrameCount(), 2);
-}
-
-TEST(PhrDynamicAlgorithm, CeilingFollowsTheLoadOnlyAtHighFps) {
-    sp<LayerPHRState> low = new LayerPHRState(1, "a");
-    ASSERT_TRUE(low->updateHeadRoom(0.5f, 0.5f, kP60, 60, 0.9f));
-    const int64_t ceiling = low->maxHeadroom();
-    frames(*low, 40, 2.0, kP60, 60);
-    EXPECT_EQ(low->maxHeadroom(), ceiling);
-    EXPECT_EQ(low->mHeadroom.load(), ceiling);
-
-    // 120 Hz: a sum below 30 sets 1.3 P, a very heavy window 1.8 P, kept for 50 frames.
-    const int64_t moderate = static_cast<int64_t>(static_cast<double>(kP120) * 1.3);
-    sp<LayerPHRState> s = highFpsLayer();
-    frames(*s, 14, 1.0);
-    frames(*s, 1, 1.3); // sum 16
-    EXPECT_EQ(s->maxHeadroom(), moderate);
-    frames(*s, 15, 3.0);
-    s->resetAdaptivePhrState(); // sum 0; the ceiling and its hold stay
-    for (int i = 0; i < 50; i++) s->updateMaxHeadroom(kP120, 1.8f);
-    EXPECT_EQ(s->maxHeadroom(), kHeavyCeiling);
-    s->updateMaxHeadroom(kP120, 1.8f);
-    EXPECT_EQ(s->maxHeadroom(), moderate);
 }

@@ -71,50 +71,6 @@ TEST_F(PhrSwitchingTest, QuickTouchBelongsToOneLayerAtATime) {
     EXPECT_EQ(m->quickTouchLayerId(), 1);
 }
 
-TEST_F(PhrSwitchingTest, LatchBacklogSwitchesQuickTouchOn) {
-    start();
-    m->setQuickTouchStatus(2, true);
-    latches(40, 1); // another layer owns quick touch: layer 1's latches are ignored
-    EXPECT_EQ(m->getLayerState(1)->consecutiveBacklog(), 0);
-    m->setQuickTouchStatus(2, false);
-    latches(30, 1);
-    latches(1, 0); // the run is broken
-    latches(30, 1);
-    EXPECT_EQ(m->quickTouchLayerId(), -1);
-    latches(1, 2);
-    EXPECT_EQ(m->quickTouchLayerId(), 1);
-}
-
-TEST_F(PhrSwitchingTest, SixJanksWithinFifteenSecondsSwitchQuickTouchOff) {
-    start();
-    m->setQuickTouchStatus(1, true);
-    // The first latch counts as a jank; 1.6 P rounds to 2 missed, 1.4 P to 1 (no jank).
-    for (int64_t gap : {kP, 2 * kP, 3 * kP, kP * 8 / 5, kP * 7 / 5, 5 * kP}) latches(1, 0, gap);
-    sp<LayerPHRState> s = m->getLayerState(1);
-    EXPECT_EQ(s->jankCount(), 5u);
-    latches(1, 0, 2 * kP);
-    EXPECT_EQ(m->quickTouchLayerId(), -1);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "Disable QuickTouch due to jank"), 1u);
-
-    // Janks four seconds apart: the oldest of six has always left the 15 s window.
-    m->setQuickTouchStatus(1, true);
-    for (int i = 0; i < 12; i++) latches(1, 0, 4 * kSec);
-    EXPECT_EQ(m->quickTouchLayerId(), 1);
-}
-
-TEST_F(PhrSwitchingTest, DynamicSwitchResetsOnEnable) {
-    perfd_stub::setProp("vendor.perf.phr.enable", "1"); // dynamic defaults to on with it
-    start();
-    sp<LayerPHRState> s = m->getLayerState(1);
-    for (int i = 0; i < 15; i++) m->updateDynamicHeadroom(s.get(), 2 * kP);
-    ASSERT_GT(s->mHeadroom.load(), s->baseHeadroom());
-    m->setQuickTouchStatus(1, true);
-    EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom());
-    EXPECT_EQ(logs.countContaining(kTag, "reset adaptive PHR state for layer 1"), 1u);
-    m->onBufferIncrement(1, 2 * kP, t, false); // no latch yet: not held, feeds the window
-    EXPECT_EQ(s->weightWindowSize(), 1u);
-}
-
 TEST_F(PhrSwitchingTest, TargetFpsFirstBufferOnlyStartsTheClock) {
     perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
     pelyx_test::ManualClock clock(50 * kSec);
@@ -162,22 +118,6 @@ TEST_F(PhrSwitchingTest, SmoothSwitchStepsAQuarterFpsAndEnds) {
     m->setTargetFpsStatus(1, true, 30.0f, 30.0001f);
     for (int i = 0; i < 3; i++) pace(*s, previous, true, 2);
     EXPECT_TRUE(m->isTargetFpsSwitching(1));
-}
-
-TEST_F(PhrSwitchingTest, CompensationKeepsTheGridAfterAPause) {
-    for (bool compensate : {true, false}) {
-        sp<LayerPHRState> s = new LayerPHRState(1, "a");
-        s->setTargetFps(true, 60.0f, 50.0f, 0, 60); // 20 ms frames
-        int64_t q = t;
-        EXPECT_EQ(pace(*s, q, compensate), 0); // starts the grid
-        for (int i = 0; i < 3; i++, q += 15'000'000) {
-            EXPECT_EQ(pace(*s, q += 5'000'000, compensate), 15'000'000);
-        }
-        q += 25'000'000; // more than a frame and 1 ms after the last release
-        EXPECT_EQ(pace(*s, q, compensate), 0);
-        // Compensating keeps the grid; otherwise it restarts at q.
-        EXPECT_EQ(pace(*s, q, compensate), compensate ? 15'000'000 : 20'000'000);
-    }
 }
 
 TEST_F(PhrSwitchingTest, BacklogNeedsARateAndTheDropWaitEndsAfterThirtyLatches) {

@@ -1,4 +1,4 @@
-// The on-screen-apps report and the low-latency app.
+// The on-screen-apps report: when it is sent and what it holds.
 #include <gtest/gtest.h>
 #include <json/json.h>
 

@@ -3,59 +3,64 @@
 // Watches worker threads that call into the library: each marks when it enters a call, and the
 // watchdog reports a thread that stays inside one call longer than the bound.
 
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
-#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <string>
 #include <vector>
 
 namespace pelyx_test {
 
+// The run length from the environment variable, or the default.
+inline int secondsFromEnv(const char* name, int fallback) {
+    const char* env = getenv(name);
+    const int seconds = env ? atoi(env) : 0;
+    return seconds > 0 ? seconds : fallback;
+}
+
 class Watchdog {
+    using Clock = std::chrono::steady_clock;
+
 public:
     struct Beat {
-        std::atomic<int64_t> enteredNs{0}; // 0 while outside the library
+        std::atomic<Clock::rep> entered{0}; // 0 while outside the library
         std::string role;
     };
-
     // Marks one library call of a worker for its scope.
-    class Call {
-    public:
-        explicit Call(Beat& beat) : mBeat(beat) { mBeat.enteredNs.store(steadyNs()); }
-        ~Call() { mBeat.enteredNs.store(0); }
-
-    private:
-        Beat& mBeat;
+    struct Call {
+        explicit Call(Beat& b) : beat(b) { beat.entered = Clock::now().time_since_epoch().count(); }
+        ~Call() { beat.entered = 0; }
+        Beat& beat;
     };
 
-    Watchdog(size_t workers, std::chrono::milliseconds bound) : mBeats(workers), mBound(bound) {}
-
+    Watchdog(size_t workers, Clock::duration bound) : mBeats(workers), mBound(bound) {}
     Beat& beat(size_t worker, std::string role) {
         mBeats[worker].role = std::move(role);
         return mBeats[worker];
     }
-
     // The role of a thread blocked for longer than the bound, or empty.
     std::string blocked() const {
-        const int64_t now = steadyNs();
+        const Clock::rep now = Clock::now().time_since_epoch().count();
         for (const Beat& beat : mBeats) {
-            const int64_t entered = beat.enteredNs.load();
-            if (entered != 0 && now - entered > std::chrono::nanoseconds(mBound).count()) {
-                return beat.role;
-            }
+            const Clock::rep entered = beat.entered;
+            if (entered != 0 && now - entered > mBound.count()) return beat.role;
         }
         return {};
     }
-
-    static int64_t steadyNs() {
-        return std::chrono::duration_cast<std::chrono::nanoseconds>(
-                       std::chrono::steady_clock::now().time_since_epoch())
-                .count();
+    // A thread that never returns cannot be joined: report it and leave at once.
+    void exitIfBlocked() const {
+        const std::string role = blocked();
+        if (role.empty()) return;
+        fprintf(stderr, "thread '%s' blocked inside the library\n", role.c_str());
+        _exit(1);
     }
 
 private:
     std::vector<Beat> mBeats;
-    std::chrono::milliseconds mBound;
+    Clock::duration mBound;
 };
 
 } // namespace pelyx_test

@@ -89,14 +89,6 @@ protected:
         return ran.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
     }
 
-    std::vector<std::vector<int>> fpsModeEvents() {
-        std::vector<std::vector<int>> events;
-        for (const auto& call : perfd_stub::calls()) {
-            if (call.fn == "perf_event" && call.ints.at(0) == 4196) events.push_back(call.args);
-        }
-        return events;
-    }
-
     ManualClock clock;
     LogCapture logs;
     android::LayerManager* lm = nullptr;
