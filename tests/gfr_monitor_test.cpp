@@ -1,10 +1,12 @@
-// Game frame rescue: checks run by hand on a manual clock against the kept queue of a stopped
-// monitor (init, then forceStop).
+// Game frame rescue. Most cases run checks by hand on a manual clock against the kept queue of a
+// stopped monitor (init, then forceStop); the last ones let "BLT" run them.
 
 #include <PerfdControl.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
+#include <thread>
 
 #include "config/FeatureManager.h"
 #include "gfr/GFRMonitor.h"
@@ -27,6 +29,11 @@ public:
     sp<TimerQueue> queue() {
         Mutex::Autolock lock(m.mMutex);
         return m.mQueue;
+    }
+    // Runs a check on the calling thread, as the queue would.
+    void fire(int32_t id, int32_t level, int64_t token) {
+        sp<GFRMonitor::GFRHandler> handler = new GFRMonitor::GFRHandler(&m, id, level, token);
+        handler->handleMessage(Message(0));
     }
     int32_t byTtd(LayerGFRState& s, int64_t ttd, int32_t base) {
         Mutex::Autolock lock(m.mMutex);
@@ -63,16 +70,20 @@ protected:
     void SetUp() override {
         perfd_stub::setProp("vendor.perf.pelyx.debug", "1");
         android::FeatureManager::getInstance(); // takes the debug switch from the property
-        ASSERT_TRUE(monitor.init());
-        monitor.forceStop(); // checks stay in the kept queue until a test runs them
     }
-    // Without `dynamic` the layer keeps its package's tunables.
-    android::sp<android::LayerGFRState> addLayer(bool dynamic = false) {
+    void TearDown() override { monitor.forceStop(); }
+    void stopped() {
+        ASSERT_TRUE(monitor.init());
+        monitor.forceStop();
+    }
+    // Without `dynamic` or `flag` the layer keeps its package's tunables.
+    android::sp<android::LayerGFRState> addLayer(bool dynamic = false, int32_t flag = 0) {
         monitor.setVsyncInfo(kPeriod, 2);
         monitor.registerLayer(kId, kName, "com.game");
         GfrTunables tunables;
         tunables.dynamic = dynamic;
-        if (dynamic) monitor.updateLayerTunables(kId, tunables);
+        tunables.flag = flag;
+        if (dynamic || flag) monitor.updateLayerTunables(kId, tunables);
         monitor.setGFRActive(kId, true);
         return peer.state(kId);
     }
@@ -93,7 +104,89 @@ protected:
 
 } // namespace
 
+TEST_F(GfrTest, ChecksEscalateAtEachThresholdAndTheNextFrameWithdraws) {
+    stopped();
+    auto s = addLayer();
+    EXPECT_EQ((std::vector<int64_t>{20'000'000, 26'666'666, 33'333'332}), s->mCheckTimes);
+    const int64_t token = frame(kPeriod, 5 * kMs);
+    EXPECT_EQ(token + 20'000'000, s->mPendingCheckTime);
+    // Later gaps run from when the previous check ran, late or not.
+    clock.advance(23 * kMs);
+    peer.fire(kId, 0, token);
+    EXPECT_EQ(clock.now() + 6'666'666, s->mPendingCheckTime);
+    peer.fire(kId, 1, token);
+    peer.fire(kId, 2, token);
+    EXPECT_EQ(0u, s->mPendingCheckId) << "nothing after the last threshold";
+    frame(12 * kMs);
+    EXPECT_EQ((std::vector<Hint>{{1, 5'000'000, 300}, {2, 5'000'000, 500}, {3, 5'000'000, 2000},
+                                 {0, 12'000'000, 0}}),
+              hints());
+}
+
+TEST_F(GfrTest, FrameReplacedInTimeSendsNothingAndStaleChecksDoNothing) {
+    stopped();
+    auto s = addLayer();
+    const int64_t first = frame();
+    monitor.onQueueBegin(kId, clock.now() + 1, kPeriod, 5 * kMs);
+    EXPECT_EQ(0u, s->mPendingCheckId) << "the begin cancels the check";
+    peer.fire(kId, 0, first); // as if it lost the race with the cancellation
+    monitor.setGFRActive(kId, false);
+    peer.fire(kId, 0, clock.now() + 1);
+    monitor.unregisterLayer(kId);
+    peer.fire(kId, 0, clock.now() + 1);
+    EXPECT_TRUE(hints().empty());
+    EXPECT_EQ(1u, logs.count(kTag, ANDROID_LOG_DEBUG, "Layer 7 disable GFR"));
+}
+
+TEST_F(GfrTest, FlagTwoAlsoWithdrawsWhenFrameTimeMovesBeyondTheVariation) {
+    stopped();
+    addLayer(false, 2);
+    frame(kPeriod);           // previous frame time 0
+    frame(kPeriod + 3 * kMs); // within 3 333 333
+    frame(kPeriod + 7 * kMs);
+    peer.fire(kId, 0, frame(kPeriod + 7 * kMs));
+    frame(kPeriod + 7 * kMs); // unchanged but boosted
+    EXPECT_EQ((std::vector<Hint>{{0, 16'666'666, 0}, {0, 23'666'666, 0}, {1, 5'000'000, 300},
+                                 {0, 23'666'666, 0}}),
+              hints());
+}
+
+TEST_F(GfrTest, TunablesComeFromThePackageAndMissingFrequenciesSendZero) {
+    stopped();
+    ASSERT_TRUE(android::FeatureManager::getInstance()->setGFRProp(
+            "com.game:baseFreq=300;500_golden=0.8", {1}));
+    auto s = addLayer();
+    EXPECT_EQ(500, s->mMaxFreq);
+    const int64_t token = frame();
+    for (int level = 0; level < 3; ++level) peer.fire(kId, level, token);
+    EXPECT_EQ(0, hints().back()[2]) << "third level, two base frequencies";
+
+    GfrTunables update;
+    update.jankThresholds = {1.5f, 3.0f};
+    monitor.updateLayerTunables(kId, update); // same period: recomputed all the same
+    EXPECT_EQ((std::vector<int64_t>{25'000'000, 50'000'000}), s->mCheckTimes);
+}
+
+TEST_F(GfrTest, DynamicModeMovesTheFirstCheckToGoldenBeforeTheDeadline) {
+    stopped();
+    auto s = addLayer(true);
+    // Check 0 at 20 ms, golden 10 ms: {min delay, deadline after the queue end, first check}.
+    const struct { int64_t minDelay, deadline, check; } cases[] = {
+            {16 * kMs, 20 * kMs, 16 * kMs}, // never sooner than min delay
+            {8 * kMs, 20 * kMs, 10 * kMs},
+            {8 * kMs, 30 * kMs, 20 * kMs}}; // enough time left
+    for (const auto& c : cases) {
+        clock.advance(50 * kMs);
+        monitor.onQueueBegin(kId, clock.now(), kPeriod, c.deadline - kPeriod);
+        s->mGoldenNs = 10 * kMs;
+        s->mMinDelayNs = c.minDelay;
+        monitor.onQueueEnd(kId, clock.now(), 0);
+        EXPECT_EQ(c.check, s->mPendingCheckTime - clock.now()) << c.minDelay << " " << c.deadline;
+    }
+}
+
 TEST_F(GfrTest, PeriodFollowsFpsAtQueueEndAndVsyncAtFrameBegin) {
+    stopped();
     monitor.registerLayer(kId, kName, "com.game"); // no vsync period yet
     monitor.setGFRActive(kId, true);
     auto s = peer.state(kId);
@@ -123,6 +216,7 @@ TEST_F(GfrTest, PeriodFollowsFpsAtQueueEndAndVsyncAtFrameBegin) {
 }
 
 TEST_F(GfrTest, OnlyAFrameBeginCancelsAPendingCheck) {
+    stopped();
     auto s = addLayer();
     frame();
     const uint64_t first = s->mPendingCheckId;
@@ -136,6 +230,7 @@ TEST_F(GfrTest, OnlyAFrameBeginCancelsAPendingCheck) {
 }
 
 TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
+    stopped();
     auto s = addLayer(true);
     s->mGoldenNs = 10 * kMs;
     const struct { int64_t ttd; bool lower; int32_t freq; uint32_t flags; } byTtd[] = {
@@ -208,4 +303,40 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     s->mFrameDropWindow = 1ull << 63;
     monitor.updateFrameDropWindow(kId, 1);
     EXPECT_EQ(1u, s->mFrameDropWindow) << "oldest out, inactive or not";
+}
+
+TEST_F(GfrTest, StopKeepsTheQueueAndAStoppedMonitorRunsNothing) {
+    ASSERT_TRUE(monitor.init());
+    addLayer();
+    const android::sp<android::TimerQueue> queue = peer.queue();
+    monitor.forceStop();
+    monitor.forceStop();
+    EXPECT_EQ(nullptr, peer.state(kId));
+    EXPECT_EQ(queue, peer.queue());
+    EXPECT_EQ(1u, logs.count(kTag, ANDROID_LOG_DEBUG, "GFRMonitor stopped"));
+
+    auto s = addLayer();
+    frame();
+    EXPECT_NE(0u, s->mPendingCheckId) << "posted to the kept queue";
+    std::this_thread::sleep_for(std::chrono::milliseconds(60));
+    EXPECT_TRUE(hints().empty());
+    ASSERT_TRUE(monitor.init());
+    EXPECT_NE(queue, peer.queue());
+}
+
+TEST_F(GfrTest, BltRunsDynamicChecksInRealTime) {
+    android::platform::host::setClock(nullptr);
+    ASSERT_TRUE(monitor.init());
+    addLayer(true);
+    const auto begin = std::chrono::steady_clock::now();
+    monitor.onQueueBegin(kId, android::platform::now(), kPeriod, -kPeriod); // deadline: now
+    monitor.onQueueEnd(kId, android::platform::now(), 0);
+    for (int i = 0; i < 5000 && hints().size() < 3; i++) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    ASSERT_EQ(3u, hints().size());
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(30));
+    // Past the deadline: max(base, last), then the last level's base.
+    EXPECT_EQ((std::vector<Hint>{{1, -kPeriod, 300}, {2, -kPeriod, 500}, {3, -kPeriod, 2000}}),
+              hints());
 }

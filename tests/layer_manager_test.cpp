@@ -26,3 +26,125 @@ TEST_F(Registry, PeriodicCleanupRunsOnVsyncEveryOneAndAHalfSeconds) {
     lm->onVsync(t0 + 4'500 * kMs + 1);
     EXPECT_FALSE(tracked(1));
 }
+
+TEST_F(Registry, TwentyFpsIsNeverPromoted) {
+    Producer twenty{2, 50 * kMs};
+    run({&twenty}, 5'000 * kMs);
+    EXPECT_FALSE(tracked(2));
+    EXPECT_EQ(lm->candidateCount(), 1u);
+}
+
+TEST_F(Registry, ElevenFreshCandidatesForceTheOldestOutAndRefuseNewOnes) {
+    for (int32_t id = 1; id <= 12; id++) {
+        Producer p{id, k60Hz};
+        queue(p);
+        clock.advance(kMs);
+    }
+    // The twelfth saw eleven before it: the two oldest were forced out.
+    EXPECT_EQ(lm->candidateCount(), 10u);
+    EXPECT_TRUE(lm->isCandidateLimitReached());
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "Force remove candidate layer [1]"), 1u);
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "Force remove candidate layer [2]"), 1u);
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_WARN,
+                         "Candidate layer count reached maximum tracking limit."), 1u);
+
+    Producer late{20, k60Hz};
+    queue(late);
+    EXPECT_EQ(lm->candidateCount(), 10u) << "refused while the limit holds";
+
+    // Let five go stale; the limit clears only at five or fewer.
+    clock.advance(1'000 * kMs);
+    for (int32_t id = 3; id <= 7; id++) {
+        Producer p{id, k60Hz};
+        queue(p);
+    }
+    clock.advance(1'500 * kMs);
+    lm->cleanupCandidates(clock.now());
+    EXPECT_EQ(lm->candidateCount(), 5u);
+    EXPECT_FALSE(lm->isCandidateLimitReached());
+    queue(late);
+    EXPECT_EQ(lm->candidateCount(), 6u);
+}
+
+TEST_F(Registry, SilentLayerIsMarkedThenRemovedASecondLater) {
+    Producer p{1, k60Hz};
+    run({&p}, 600 * kMs);
+    ASSERT_TRUE(tracked(1));
+    const int64_t lastQueue = clock.now() - k60Hz;
+    lm->cleanupInactiveLayers(lastQueue + 1'000 * kMs); // exactly 1 s: still active
+    EXPECT_TRUE(lm->getLayerStatus(1)->active);
+    lm->cleanupInactiveLayers(lastQueue + 1'200 * kMs);
+    auto status = lm->getLayerStatus(1);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_FALSE(status->active);
+    EXPECT_EQ(status->removalDeadline, lastQueue + 2'200 * kMs);
+    EXPECT_EQ(logs.countContaining(kTag, "Layer 1 [com.app1/com.app1.Main#1] marked for removal"), 1u);
+    lm->cleanupInactiveLayers(lastQueue + 2'199 * kMs);
+    EXPECT_TRUE(tracked(1));
+    lm->cleanupInactiveLayers(lastQueue + 2'200 * kMs);
+    EXPECT_FALSE(tracked(1));
+    EXPECT_EQ(lm->trackedLayerCount(), 0);
+    EXPECT_EQ(logs.countContaining(kTag, "Unregistered layer 1: [com.app1/com.app1.Main#1]"), 1u);
+}
+
+TEST_F(Registry, LatchCountIsTrustedOnlyAfterTwoQuietMilliseconds) {
+    Producer p{1, k60Hz};
+    run({&p}, 600 * kMs);
+    ASSERT_TRUE(tracked(1));
+    p.latch = false;
+    for (int i = 0; i < 4; i++) queue(p);
+    const Rect bounds{0, 0, 1080, 2400};
+    ASSERT_EQ(lm->getLayerStatus(1)->pendingBuffers, 4);
+
+    clock.advance(2 * kMs); // 2 ms after the last queue: the local count wins
+    lm->onBufferDecrement(p.name(), 1, 0, bounds, true, true);
+    EXPECT_EQ(lm->getLayerStatus(1)->pendingBuffers, 3);
+    EXPECT_EQ(lm->getLayerStatus(1)->queuedTimes, 3u);
+
+    clock.advance(1); // more than 2 ms: the compositor's count wins
+    lm->onBufferDecrement(p.name(), 1, 1, bounds, true, true);
+    EXPECT_EQ(lm->getLayerStatus(1)->pendingBuffers, 1);
+    EXPECT_EQ(lm->getLayerStatus(1)->queuedTimes, 1u);
+
+    lm->onBufferDecrement(p.name(), 1, 0, bounds, true, true);
+    lm->onBufferDecrement(p.name(), 1, 2, bounds, true, true); // local count below 1: take theirs
+    EXPECT_EQ(lm->getLayerStatus(1)->pendingBuffers, 2);
+}
+
+TEST_F(Registry, AliveAppCheckFiresAfterFourMatchingWindows) {
+    FeatureManager* fm = FeatureManager::getInstance();
+    Producer p{1, k60Hz};
+    run({&p}, 600 * kMs);
+    fm->setCallbackHintValue(4192, "com.app1", 0, 0, {});
+    perfd_stub::clearCalls();
+    run({&p}, 3'600 * kMs); // three windows: not yet
+    for (const auto& call : perfd_stub::calls()) {
+        EXPECT_FALSE(call.fn == "perf_event" && call.ints.at(0) == 4099) << "not after three windows";
+    }
+    run({&p}, 1'100 * kMs);
+    size_t resumes = 0;
+    for (const auto& call : perfd_stub::calls()) {
+        if (call.fn == "perf_event" && call.ints.at(0) == 4099) {
+            resumes++;
+            EXPECT_EQ(call.pkg, "com.app1");
+        }
+    }
+    EXPECT_EQ(resumes, 1u);
+    EXPECT_EQ(fm->getCheckingAliveApp(), "");
+}
+
+TEST_F(Registry, AliveAppCheckGivesUpAfterThreeMisses) {
+    FeatureManager* fm = FeatureManager::getInstance();
+    Producer p{1, k60Hz};
+    run({&p}, 600 * kMs);
+    fm->setCallbackHintValue(4192, "com.gone", 0, 0, {});
+    run({&p}, 3'100 * kMs);
+    EXPECT_EQ(fm->getCheckingAliveApp(), "");
+    EXPECT_EQ(logs.count("Pelyx.FeatureManager", ANDROID_LOG_DEBUG,
+                         "The checked app is no longer alive. Cancel check"), 1u);
+    for (const auto& call : perfd_stub::calls()) {
+        if (call.fn == "perf_event") {
+            EXPECT_NE(call.ints.at(0), 4099);
+        }
+    }
+}

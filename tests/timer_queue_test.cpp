@@ -1,24 +1,226 @@
 #include "timer/TimerQueue.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+#include <utils/Timers.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
-#include <future>
+#include <cstring>
+#include <functional>
 #include <memory>
+#include <mutex>
 #include <thread>
+#include <vector>
+
+#include "support/LogCapture.h"
 
 using namespace android;
+using pelyx_test::LogCapture;
 
+namespace {
+
+constexpr const char* kTag = "Pelyx.TimerQueue";
+
+int64_t nowNs() { return systemTime(SYSTEM_TIME_MONOTONIC); }
 constexpr int64_t ms(int64_t v) { return v * 1000000; }
+void sleepMs(int v) { std::this_thread::sleep_for(std::chrono::milliseconds(v)); }
 
-// A task's captured state may use the queue from its destructor, so the queue never releases an
-// entry while it holds its own lock.
+struct Call {
+    int what;
+    int64_t at;
+};
+
+class Recorder : public MessageHandler {
+public:
+    void handleMessage(const Message& message) override {
+        std::lock_guard<std::mutex> lock(mLock);
+        mCalls.push_back({message.what, nowNs()});
+    }
+    std::vector<Call> calls() const {
+        std::lock_guard<std::mutex> lock(mLock);
+        return mCalls;
+    }
+    std::vector<int> whats() const {
+        std::vector<int> out;
+        for (const Call& c : calls()) out.push_back(c.what);
+        return out;
+    }
+
+private:
+    mutable std::mutex mLock;
+    std::vector<Call> mCalls;
+};
+
+// An entry's id and the window its due time lies in.
+struct Posted {
+    uint64_t id;
+    int64_t earliest, latest;
+};
+Posted post(TimerQueue& queue, int64_t delay, const sp<MessageHandler>& handler, int what) {
+    const int64_t before = nowNs();
+    const uint64_t id = queue.sendMessageDelayed(delay, handler, Message(what));
+    return {id, before + delay, nowNs() + delay};
+}
+
+TEST(TimerQueue, DueEntriesComeOutInTimeOrderInOnePoll) {
+    sp<TimerQueue> queue = new TimerQueue();
+    ASSERT_TRUE(queue->isInitialized());
+    sp<Recorder> handler = new Recorder();
+    std::vector<Posted> posted{post(*queue, 0, handler, 0)};
+    sleepMs(2);
+    posted.push_back(post(*queue, -ms(50), handler, 1)); // counts as now, not as the past
+    posted[1].earliest = posted[1].latest = nowNs();
+    // Two entries share each of the first delays: an equal-time batch leaves together.
+    const int delaysMs[] = {13, 2, 19, 7, 1, 16, 11, 4, 20, 9, 3, 14, 6, 18, 10, 5, 17, 8, 12, 15};
+    for (int i = 2; i < 26; i++) posted.push_back(post(*queue, ms(delaysMs[i % 20]), handler, i));
+    sleepMs(60);
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+    auto calls = handler->calls();
+    ASSERT_EQ(26u, calls.size());
+    for (size_t i = 1; i < calls.size(); i++) {
+        EXPECT_LE(posted[calls[i - 1].what].earliest, posted[calls[i].what].latest)
+                << calls[i - 1].what << " came before " << calls[i].what;
+    }
+    EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(50));
+}
+
+TEST(TimerQueue, TimerFollowsTheEarliestEntryAndNeverFiresEarly) {
+    sp<TimerQueue> queue = new TimerQueue();
+    sp<Recorder> handler = new Recorder();
+    Posted late = post(*queue, ms(5000), handler, 1);
+    Posted early = post(*queue, ms(20), handler, 2); // must re-arm earlier
+    Posted next = post(*queue, ms(60), handler, 3);  // must not push the timer back
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+    EXPECT_EQ(std::vector<int>{2}, handler->whats());
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+    auto calls = handler->calls();
+    ASSERT_EQ(2u, calls.size());
+    EXPECT_GE(calls[0].at, early.earliest);
+    EXPECT_EQ(3, calls[1].what);
+    EXPECT_GE(calls[1].at, next.earliest);
+    EXPECT_EQ(1u, late.id); // ids count from 1, messages and tasks alike
+    EXPECT_EQ(4u, queue->postTask([] {}));
+}
+
+TEST(TimerQueue, CancellingTheFrontRearmsOrDisarmsTheTimer) {
+    sp<TimerQueue> queue = new TimerQueue();
+    sp<Recorder> handler = new Recorder();
+    Posted front = post(*queue, ms(20), handler, 1);
+    Posted next = post(*queue, ms(150), handler, 2);
+    queue->cancelTask(front.id);
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(2000));
+    auto calls = handler->calls();
+    ASSERT_EQ(1u, calls.size()) << "the first wake-up must be the next entry's";
+    EXPECT_EQ(2, calls[0].what);
+    EXPECT_GE(calls[0].at, next.earliest);
+
+    // A timer left armed at the cancelled only entry would make the poll report a callback.
+    queue->cancelTask(queue->sendMessageDelayed(ms(20), handler, Message(3)));
+    EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(200));
+    EXPECT_EQ(1u, handler->calls().size());
+    EXPECT_EQ(1, handler->getStrongCount());
+}
+
+TEST(TimerQueue, CancelledEntriesAreSkippedAndReleased) {
+    sp<TimerQueue> queue = new TimerQueue();
+    sp<Recorder> handler = new Recorder(), gone = new Recorder(), other = new Recorder();
+    queue->sendMessageDelayed(ms(5), handler, Message(1));
+    const uint64_t id = queue->sendMessageDelayed(ms(10), handler, Message(2));
+    queue->sendMessageDelayed(ms(15), handler, Message(1));
+    queue->sendMessageDelayed(ms(20), handler, Message(3));
+    queue->sendMessageDelayed(ms(8), gone, Message(1));
+    queue->sendMessageDelayed(ms(25), gone, Message(2));
+    queue->sendMessageDelayed(ms(12), other, Message(1));
+    queue->cancelTask(id);
+    queue->cancelTask(0);
+    queue->cancelTask(id + 1000);
+    queue->removeMessages(handler, 1);
+    queue->removeMessages(gone);
+    sleepMs(40);
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+    EXPECT_EQ(std::vector<int>{3}, handler->whats());
+    EXPECT_EQ(std::vector<int>{1}, other->whats());
+    EXPECT_TRUE(gone->whats().empty());
+    EXPECT_EQ(1, handler->getStrongCount());
+    EXPECT_EQ(1, gone->getStrongCount());
+    EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(50));
+}
+
+TEST(TimerQueue, ConcurrentPostsAndCancellationsAreNotLost) {
+    sp<TimerQueue> queue = new TimerQueue();
+    sp<Recorder> handler = new Recorder();
+    std::vector<uint64_t> ids;
+    for (int i = 0; i < 40; i++) {
+        ids.push_back(queue->sendMessageDelayed(ms(200 + i), handler, Message(i)));
+    }
+    std::atomic<int> ran{0};
+    std::atomic<bool> running{true};
+    std::thread loop([&] {
+        while (running.load()) queue->pollOnce(-1);
+    });
+    std::thread canceller([&] {
+        for (int i = 0; i < 40; i += 2) queue->cancelTask(ids[i]);
+    });
+    for (int i = 0; i < 50; i++) queue->postTaskDelayed(ms(i % 7), [&ran] { ran++; });
+    canceller.join();
+    const int64_t end = nowNs() + ms(3000);
+    while ((handler->calls().size() < 20 || ran.load() < 50) && nowNs() < end) sleepMs(5);
+    sleepMs(50);
+    running = false;
+    queue->wake();
+    loop.join();
+    EXPECT_EQ(50, ran.load());
+    auto whats = handler->whats();
+    EXPECT_EQ(20u, whats.size());
+    for (int what : whats) EXPECT_EQ(1, what % 2) << "cancelled entry " << what << " ran";
+    EXPECT_EQ(1, handler->getStrongCount());
+}
+
+TEST(TimerQueue, HandlersMayPostAndCancelOnTheirOwnQueue) {
+    sp<TimerQueue> queue = new TimerQueue();
+    sp<Recorder> victim = new Recorder();
+    const uint64_t victimId = queue->sendMessageDelayed(ms(300), victim, Message(1));
+    bool second = false;
+    queue->postTask([&] {
+        queue->cancelTask(victimId);
+        queue->postTaskDelayed(ms(5), [&second] { second = true; });
+    });
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+    EXPECT_FALSE(second);
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+    EXPECT_TRUE(second);
+    EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(500));
+    EXPECT_TRUE(victim->whats().empty());
+}
+
+// Runs `body` on its own thread; false if it is still blocked after 5 s (then it is left behind
+// with its queue, so that nothing is destroyed under it).
+bool finishesInTime(const sp<TimerQueue>& queue, std::function<void()> body) {
+    auto done = std::make_shared<std::atomic<bool>>(false);
+    std::thread thread([done, body] {
+        body();
+        done->store(true);
+    });
+    for (int i = 0; i < 500 && !done->load(); i++) sleepMs(10);
+    if (done->load()) {
+        thread.join();
+        return true;
+    }
+    queue->incStrong(nullptr);
+    thread.detach();
+    return false;
+}
+
 TEST(TimerQueue, AnEntryReleasedByTheQueueMayCallBackIntoIt) {
     sp<TimerQueue> queue = new TimerQueue();
     std::atomic<int> released{0};
+    // Captured state whose destructor uses the queue, as a task holding an object may.
     auto callsBack = [&] {
         TimerQueue* q = queue.get();
         return std::shared_ptr<void>(nullptr, [q, &released](void*) {
@@ -27,19 +229,106 @@ TEST(TimerQueue, AnEntryReleasedByTheQueueMayCallBackIntoIt) {
             released++;
         });
     };
-    auto body = std::async(std::launch::async, [&] {
+    ASSERT_TRUE(finishesInTime(queue, [&] {
         // The front entry: dropped at once.
         queue->cancelTask(queue->postTaskDelayed(ms(1000), [state = callsBack()] {}));
         // Behind a due entry: dropped by the poll.
         const uint64_t behind = queue->postTaskDelayed(ms(20), [state = callsBack()] {});
         queue->postTaskDelayed(ms(1), [] {});
         queue->cancelTask(behind);
-        std::this_thread::sleep_for(std::chrono::milliseconds(40));
-        queue->pollOnce(1000);
-    });
-    if (body.wait_for(std::chrono::seconds(5)) != std::future_status::ready) {
-        std::fputs("a release under the queue's mutex deadlocked\n", stderr);
-        std::_Exit(1); // the blocked thread still holds the queue
-    }
+        sleepMs(40);
+        queue->pollOnce(1000); // runs the due task, drops the cancelled one behind it
+    })) << "a release under the queue's mutex deadlocked";
     EXPECT_EQ(2, released.load());
 }
+
+void onSignal(int) {}
+
+TEST(TimerQueue, WakeAndSignalsEndThePollAsWoken) {
+    sp<TimerQueue> queue = new TimerQueue();
+    queue->wake();
+    queue->wake();
+    EXPECT_EQ(TimerQueue::kPollWake, queue->pollOnce(1000));
+    EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(50)); // the counter was drained
+
+    struct sigaction action = {};
+    action.sa_handler = onSignal;
+    ASSERT_EQ(0, sigaction(SIGUSR1, &action, nullptr));
+    std::atomic<int> result{0};
+    std::thread poller([&] { result = queue->pollOnce(-1); });
+    // A signal that lands before the thread blocks is absorbed: repeat.
+    for (int i = 0; i < 500 && result.load() == 0; i++) {
+        pthread_kill(poller.native_handle(), SIGUSR1);
+        sleepMs(10);
+    }
+    if (result.load() == 0) queue->wake();
+    poller.join();
+    EXPECT_EQ(TimerQueue::kPollWake, result.load());
+}
+
+TEST(TimerQueue, DestructionReleasesPendingEntriesWithoutCallingThem) {
+    sp<Recorder> handler = new Recorder();
+    auto token = std::make_shared<int>(0);
+    bool taskRan = false;
+    {
+        sp<TimerQueue> queue = new TimerQueue();
+        queue->sendMessageDelayed(ms(10000), handler, Message(1));
+        queue->postTaskDelayed(ms(10000), [token, &taskRan] { taskRan = true; });
+    }
+    EXPECT_TRUE(handler->whats().empty());
+    EXPECT_FALSE(taskRan);
+    EXPECT_EQ(1, handler->getStrongCount());
+    EXPECT_EQ(1, token.use_count());
+}
+
+TEST(TimerQueue, ConstructionFailureLogsTheStepAndLeavesAnInertQueue) {
+    {
+        // UBSan opens a pipe the first time a check meets a type: not while starved.
+        sp<TimerQueue> warm = new TimerQueue();
+        warm->postTask([] {});
+        warm->pollOnce(0);
+    }
+    const struct {
+        int spare; // descriptors left free: the queue's (spare + 1)-th open fails
+        const char* step;
+        int poll; // without epoll the poll fails; with it, it watches nothing
+    } rows[] = {{0, "epoll_create1", TimerQueue::kPollError},
+                {1, "timerfd_create", TimerQueue::kPollTimeout},
+                {2, "eventfd", TimerQueue::kPollTimeout}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.step);
+        LogCapture log;
+        struct rlimit saved;
+        getrlimit(RLIMIT_NOFILE, &saved);
+        const struct rlimit lowered = {256, saved.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &lowered);
+        std::vector<int> fds;
+        for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = dup(fds[0])) fds.push_back(fd);
+        std::vector<int> spare(fds.end() - row.spare, fds.end());
+        for (int fd : spare) close(fd);
+        sp<TimerQueue> queue = new TimerQueue();
+        for (auto it = fds.begin(); it != fds.end() - row.spare; ++it) close(*it);
+        setrlimit(RLIMIT_NOFILE, &saved);
+
+        EXPECT_FALSE(queue->isInitialized());
+        ASSERT_EQ(1u, log.lines().size());
+        EXPECT_EQ(1u, log.count(kTag, ANDROID_LOG_ERROR,
+                                std::string(row.step) + " failed: " + strerror(EMFILE)));
+        sp<Recorder> handler = new Recorder();
+        auto token = std::make_shared<int>(0);
+        EXPECT_EQ(0u, queue->sendMessageDelayed(-1, handler, Message(1)));
+        EXPECT_EQ(0u, queue->postTask([token] {}));
+        EXPECT_EQ(1, handler->getStrongCount());
+        EXPECT_EQ(1, token.use_count()) << "a dropped task is released";
+        queue->cancelTask(1);
+        queue->wake();
+        EXPECT_EQ(row.poll, queue->pollOnce(0));
+        EXPECT_EQ(row.spare == 0 ? 2u : 1u, log.lines().size());
+        const std::string pollError = std::string("epoll_wait error: ") + strerror(EBADF);
+        EXPECT_EQ(row.spare == 0 ? 1u : 0u, log.count(kTag, ANDROID_LOG_ERROR, pollError));
+        queue.clear();
+        for (int fd : spare) EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "descriptor " << fd << " leaked";
+    }
+}
+
+} // namespace
