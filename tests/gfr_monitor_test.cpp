@@ -151,22 +151,6 @@ TEST_F(GfrTest, FlagTwoAlsoWithdrawsWhenFrameTimeMovesBeyondTheVariation) {
               hints());
 }
 
-TEST_F(GfrTest, TunablesComeFromThePackageAndMissingFrequenciesSendZero) {
-    stopped();
-    ASSERT_TRUE(android::FeatureManager::getInstance()->setGFRProp(
-            "com.game:baseFreq=300;500_golden=0.8", {1}));
-    auto s = addLayer();
-    EXPECT_EQ(500, s->mMaxFreq);
-    const int64_t token = frame();
-    for (int level = 0; level < 3; ++level) peer.fire(kId, level, token);
-    EXPECT_EQ(0, hints().back()[2]) << "third level, two base frequencies";
-
-    GfrTunables update;
-    update.jankThresholds = {1.5f, 3.0f};
-    monitor.updateLayerTunables(kId, update); // same period: recomputed all the same
-    EXPECT_EQ((std::vector<int64_t>{25'000'000, 50'000'000}), s->mCheckTimes);
-}
-
 TEST_F(GfrTest, DynamicModeMovesTheFirstCheckToGoldenBeforeTheDeadline) {
     stopped();
     auto s = addLayer(true);
@@ -303,25 +287,6 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     s->mFrameDropWindow = 1ull << 63;
     monitor.updateFrameDropWindow(kId, 1);
     EXPECT_EQ(1u, s->mFrameDropWindow) << "oldest out, inactive or not";
-}
-
-TEST_F(GfrTest, StopKeepsTheQueueAndAStoppedMonitorRunsNothing) {
-    ASSERT_TRUE(monitor.init());
-    addLayer();
-    const android::sp<android::TimerQueue> queue = peer.queue();
-    monitor.forceStop();
-    monitor.forceStop();
-    EXPECT_EQ(nullptr, peer.state(kId));
-    EXPECT_EQ(queue, peer.queue());
-    EXPECT_EQ(1u, logs.count(kTag, ANDROID_LOG_DEBUG, "GFRMonitor stopped"));
-
-    auto s = addLayer();
-    frame();
-    EXPECT_NE(0u, s->mPendingCheckId) << "posted to the kept queue";
-    std::this_thread::sleep_for(std::chrono::milliseconds(60));
-    EXPECT_TRUE(hints().empty());
-    ASSERT_TRUE(monitor.init());
-    EXPECT_NE(queue, peer.queue());
 }
 
 TEST_F(GfrTest, BltRunsDynamicChecksInRealTime) {

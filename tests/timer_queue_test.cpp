@@ -25,7 +25,6 @@ using pelyx_test::LogCapture;
 
 namespace {
 
-constexpr const char* kTag = "Pelyx.TimerQueue";
 
 int64_t nowNs() { return systemTime(SYSTEM_TIME_MONOTONIC); }
 constexpr int64_t ms(int64_t v) { return v * 1000000; }
@@ -152,36 +151,6 @@ TEST(TimerQueue, CancelledEntriesAreSkippedAndReleased) {
     EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(50));
 }
 
-TEST(TimerQueue, ConcurrentPostsAndCancellationsAreNotLost) {
-    sp<TimerQueue> queue = new TimerQueue();
-    sp<Recorder> handler = new Recorder();
-    std::vector<uint64_t> ids;
-    for (int i = 0; i < 40; i++) {
-        ids.push_back(queue->sendMessageDelayed(ms(200 + i), handler, Message(i)));
-    }
-    std::atomic<int> ran{0};
-    std::atomic<bool> running{true};
-    std::thread loop([&] {
-        while (running.load()) queue->pollOnce(-1);
-    });
-    std::thread canceller([&] {
-        for (int i = 0; i < 40; i += 2) queue->cancelTask(ids[i]);
-    });
-    for (int i = 0; i < 50; i++) queue->postTaskDelayed(ms(i % 7), [&ran] { ran++; });
-    canceller.join();
-    const int64_t end = nowNs() + ms(3000);
-    while ((handler->calls().size() < 20 || ran.load() < 50) && nowNs() < end) sleepMs(5);
-    sleepMs(50);
-    running = false;
-    queue->wake();
-    loop.join();
-    EXPECT_EQ(50, ran.load());
-    auto whats = handler->whats();
-    EXPECT_EQ(20u, whats.size());
-    for (int what : whats) EXPECT_EQ(1, what % 2) << "cancelled entry " << what << " ran";
-    EXPECT_EQ(1, handler->getStrongCount());
-}
-
 TEST(TimerQueue, HandlersMayPostAndCancelOnTheirOwnQueue) {
     sp<TimerQueue> queue = new TimerQueue();
     sp<Recorder> victim = new Recorder();
@@ -264,71 +233,6 @@ TEST(TimerQueue, WakeAndSignalsEndThePollAsWoken) {
     if (result.load() == 0) queue->wake();
     poller.join();
     EXPECT_EQ(TimerQueue::kPollWake, result.load());
-}
-
-TEST(TimerQueue, DestructionReleasesPendingEntriesWithoutCallingThem) {
-    sp<Recorder> handler = new Recorder();
-    auto token = std::make_shared<int>(0);
-    bool taskRan = false;
-    {
-        sp<TimerQueue> queue = new TimerQueue();
-        queue->sendMessageDelayed(ms(10000), handler, Message(1));
-        queue->postTaskDelayed(ms(10000), [token, &taskRan] { taskRan = true; });
-    }
-    EXPECT_TRUE(handler->whats().empty());
-    EXPECT_FALSE(taskRan);
-    EXPECT_EQ(1, handler->getStrongCount());
-    EXPECT_EQ(1, token.use_count());
-}
-
-TEST(TimerQueue, ConstructionFailureLogsTheStepAndLeavesAnInertQueue) {
-    {
-        // UBSan opens a pipe the first time a check meets a type: not while starved.
-        sp<TimerQueue> warm = new TimerQueue();
-        warm->postTask([] {});
-        warm->pollOnce(0);
-    }
-    const struct {
-        int spare; // descriptors left free: the queue's (spare + 1)-th open fails
-        const char* step;
-        int poll; // without epoll the poll fails; with it, it watches nothing
-    } rows[] = {{0, "epoll_create1", TimerQueue::kPollError},
-                {1, "timerfd_create", TimerQueue::kPollTimeout},
-                {2, "eventfd", TimerQueue::kPollTimeout}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.step);
-        LogCapture log;
-        struct rlimit saved;
-        getrlimit(RLIMIT_NOFILE, &saved);
-        const struct rlimit lowered = {256, saved.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &lowered);
-        std::vector<int> fds;
-        for (int fd = open("/dev/null", O_RDONLY); fd >= 0; fd = dup(fds[0])) fds.push_back(fd);
-        std::vector<int> spare(fds.end() - row.spare, fds.end());
-        for (int fd : spare) close(fd);
-        sp<TimerQueue> queue = new TimerQueue();
-        for (auto it = fds.begin(); it != fds.end() - row.spare; ++it) close(*it);
-        setrlimit(RLIMIT_NOFILE, &saved);
-
-        EXPECT_FALSE(queue->isInitialized());
-        ASSERT_EQ(1u, log.lines().size());
-        EXPECT_EQ(1u, log.count(kTag, ANDROID_LOG_ERROR,
-                                std::string(row.step) + " failed: " + strerror(EMFILE)));
-        sp<Recorder> handler = new Recorder();
-        auto token = std::make_shared<int>(0);
-        EXPECT_EQ(0u, queue->sendMessageDelayed(-1, handler, Message(1)));
-        EXPECT_EQ(0u, queue->postTask([token] {}));
-        EXPECT_EQ(1, handler->getStrongCount());
-        EXPECT_EQ(1, token.use_count()) << "a dropped task is released";
-        queue->cancelTask(1);
-        queue->wake();
-        EXPECT_EQ(row.poll, queue->pollOnce(0));
-        EXPECT_EQ(row.spare == 0 ? 2u : 1u, log.lines().size());
-        const std::string pollError = std::string("epoll_wait error: ") + strerror(EBADF);
-        EXPECT_EQ(row.spare == 0 ? 1u : 0u, log.count(kTag, ANDROID_LOG_ERROR, pollError));
-        queue.clear();
-        for (int fd : spare) EXPECT_EQ(-1, fcntl(fd, F_GETFD)) << "descriptor " << fd << " leaked";
-    }
 }
 
 } // namespace
