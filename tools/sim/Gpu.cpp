@@ -20,22 +20,23 @@ uint64_t Gpu::submit(int64_t submitNs, int64_t workNs, int64_t notBeforeNs) {
     return job.id;
 }
 
-int64_t Gpu::endOf(uint64_t job, int64_t nowNs) {
+const Gpu::Job* Gpu::find(uint64_t job, int64_t nowNs) {
     settle(nowNs);
-    if (auto it = mDone.find(job); it != mDone.end()) return it->second.endNs;
+    if (auto it = mDone.find(job); it != mDone.end()) return &it->second;
     for (const Job& j : mJobs) {
-        if (j.id == job) return j.endNs;
+        if (j.id == job) return &j;
     }
-    return -1;
+    return nullptr;
+}
+
+int64_t Gpu::endOf(uint64_t job, int64_t nowNs) {
+    const Job* j = find(job, nowNs);
+    return j ? j->endNs : -1;
 }
 
 int64_t Gpu::startOf(uint64_t job, int64_t nowNs) {
-    settle(nowNs);
-    if (auto it = mDone.find(job); it != mDone.end()) return it->second.startNs;
-    for (const Job& j : mJobs) {
-        if (j.id == job) return j.startNs;
-    }
-    return -1;
+    const Job* j = find(job, nowNs);
+    return j ? j->startNs : -1;
 }
 
 void Gpu::request(int64_t nowNs, double mhz) {

@@ -53,6 +53,8 @@ private:
         double mhz;  // 0: back to base
     };
 
+    // The job as known at `nowNs`, finished or not; null when unknown.
+    const Job* find(uint64_t job, int64_t nowNs);
     void settle(int64_t nowNs);
     void schedule();
     double clockAt(int64_t t, size_t job) const;
