@@ -48,23 +48,31 @@ constexpr int kPerfClientId = 4;
 // Only pelyxInit takes it.
 Mutex gStartupLock;
 
-// The tracker is created at most once and then lives until unload, so the app's threads read
+// The tracker is created at most once and then lives for the process, so the app's threads read
 // it through a plain atomic pointer without a lock; a repeated app start-up starts it afresh in
-// place. The sp owns it (released at unload); the lock only orders the creators.
-Mutex gTrackerLock;
-sp<InGameTracker> gInGameTracker GUARDED_BY(gTrackerLock);
+// place. The lock only orders the creators. Never destroyed: a detached property watcher may
+// still create or reset the tracker while the process runs its exit-time destructors.
+struct TrackerHolder {
+    Mutex lock;
+    sp<InGameTracker> tracker GUARDED_BY(lock);
+};
+TrackerHolder& trackerHolder() {
+    static TrackerHolder* sHolder = new TrackerHolder();
+    return *sHolder;
+}
 std::atomic<InGameTracker*> gTracker{nullptr};
 
 // Creates the tracker, or with `fresh` resets the one there is. Creation may fail (no memory):
 // the tracker stays absent and the move decisions stay off.
 void provideTracker(bool fresh) {
-    Mutex::Autolock lock(gTrackerLock);
-    if (gInGameTracker != nullptr) {
-        if (fresh) gInGameTracker->reset();
+    TrackerHolder& holder = trackerHolder();
+    Mutex::Autolock lock(holder.lock);
+    if (holder.tracker != nullptr) {
+        if (fresh) holder.tracker->reset();
         return;
     }
-    gInGameTracker = new (std::nothrow) InGameTracker();
-    gTracker.store(gInGameTracker.get(), std::memory_order_release);
+    holder.tracker = new (std::nothrow) InGameTracker();
+    gTracker.store(holder.tracker.get(), std::memory_order_release);
 }
 
 void set(std::atomic<bool>& flag, bool value) {
