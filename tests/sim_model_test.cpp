@@ -1,34 +1,56 @@
-// The simulator's device model, element by element, on explicit times: the GPU, the frame
-// verdicts, held input and the CPU's boosts.
+// The simulator's device model, element by element, on explicit times (the GPU, frame verdicts,
+// held input, CPU boosts, buffer queue, fences), and the figures it reports.
 
 #include <gtest/gtest.h>
+#include <android/log.h>
+#include <fcntl.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cmath>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <thread>
 #include <vector>
 
+#include "BufferQueue.h"
 #include "Cpu.h"
+#include "FakeDevices.h"
 #include "FrameTimeline.h"
 #include "Gpu.h"
 #include "LayerRuntime.h"
+#include "LogSink.h"
+#include "ServiceLog.h"
+#include "Stats.h"
+#include "Summary.h"
+#include "TraceCheck.h"
+#include "platform/Clock.h"
+#include "platform/Ioctl.h"
 
 namespace pelyx_sim {
 namespace {
 
 constexpr int64_t kMs = 1'000'000;
 
+perfd_stub::Call call(const std::string& fn, const std::string& pkg, std::vector<int> ints,
+                      std::vector<int> args = {}) {
+    perfd_stub::Call c;
+    c.fn = fn, c.pkg = pkg, c.hasPkg = true, c.ints = std::move(ints), c.args = std::move(args);
+    return c;
+}
+
 TEST(SimGpu, RunsOneJobAtATimeInSubmissionOrderAcrossLayers) {
     Gpu gpu(250, 1000, 0, 0);
     // A 25 ms frame per vsync, queued faster than the GPU can draw: 40 frames a second.
     std::vector<uint64_t> jobs;
     for (int i = 0; i < 40; ++i) jobs.push_back(gpu.submit(i * 16 * kMs, 25 * kMs, 0));
-    EXPECT_EQ(gpu.endOf(jobs[0], 0), 25 * kMs);
     EXPECT_EQ(gpu.endOf(jobs[1], 0), 50 * kMs);
     EXPECT_EQ(gpu.endOf(jobs.back(), 0), 1000 * kMs);
     // Work that draws into a buffer the display still shows waits for its release.
     const uint64_t gated = gpu.submit(1000 * kMs, 5 * kMs, 1200 * kMs);
     EXPECT_EQ(gpu.startOf(gated, 1000 * kMs), 1200 * kMs);
     EXPECT_EQ(gpu.endOf(gated, 1300 * kMs), 1205 * kMs) << "still known once finished";
-    gpu.forget(gated);
-    EXPECT_EQ(gpu.endOf(gated, 1300 * kMs), -1);
 }
 
 TEST(SimGpu, ABoostRecordSetsTheClockAfterItsRampAndAWithdrawalAfterTheNextSample) {
@@ -89,12 +111,6 @@ TEST(SimFrameTimeline, FramesAreJudgedAgainstTheirExpectedPresentByCause) {
     f.startNs = 1 * kMs, f.intervalNs = 16 * kMs;
     const VsyncGrid later{0, 16 * kMs, 8 * kMs, 2};
     EXPECT_EQ(judgeFrame(f, 0, 40 * kMs, later, {}).expectedPresentNs, 40 * kMs) << "a present delay of 2";
-
-    FrameTimelineCounts counts;
-    counts.add(judgeFrame(f, 0, 24 * kMs, grid, {}));
-    counts.add(judgeFrame(f, 20 * kMs, 56 * kMs, grid, {}));
-    EXPECT_EQ(std::vector<int>({counts.onTime, counts.late, counts.lateVsyncs, counts.of(LateCause::GpuLate)}),
-              std::vector<int>({1, 1, 2, 1}));
 }
 
 TEST(SimFrameTimeline, ABoostThatLandsBeforeTheDeadlineTurnsALateFrameIntoAnOnTimeOne) {
@@ -129,11 +145,6 @@ TEST(SimCpu, ServiceBoostsAndTheLowLatencyLockSpeedTheAppAfterTheRamp) {
     DeviceModel device;
     device.cpuBoostFactor = 1.5, device.cpuBoostMs = 100, device.cpuLowLatencyFactor = 1.2, device.cpuRampMs = 5;
     CpuModel cpu(device);
-    auto call = [](const char* fn, const char* pkg, std::vector<int> ints, std::vector<int> args) {
-        perfd_stub::Call c;
-        c.fn = fn, c.hasPkg = pkg != nullptr, c.pkg = pkg ? pkg : "", c.ints = ints, c.args = args;
-        return c;
-    };
     cpu.onCall(call("perf_event", "game", {4186, 2}, {5, 8}), 0);
     EXPECT_EQ(cpu.factor("game", 1, 4 * kMs), 1.0) << "still ramping";
     EXPECT_EQ(cpu.factor("game", 1, 50 * kMs), 1.5);
@@ -143,11 +154,217 @@ TEST(SimCpu, ServiceBoostsAndTheLowLatencyLockSpeedTheAppAfterTheRamp) {
     cpu.onCall(call("perf_event", "game", {4186, 2}, {0, 8}), 250 * kMs);
     EXPECT_EQ(cpu.factor("game", 1, 260 * kMs), 1.0) << "a level-0 event ends it";
 
-    cpu.onCall(call("perf_lock_acq", nullptr, {0, 0, 2}, {0x40CD0000, 1}), 300 * kMs);
+    cpu.onCall(call("perf_lock_acq", "", {0, 0, 2}, {0x40CD0000, 1}), 300 * kMs);
     EXPECT_EQ(cpu.factor("game", 1, 310 * kMs), 1.2);
     EXPECT_EQ(cpu.factor("chat", 2, 310 * kMs), 1.0);
-    cpu.onCall(call("perf_lock_rel", nullptr, {1}, {}), 400 * kMs);
+    cpu.onCall(call("perf_lock_rel", "", {1}), 400 * kMs);
     EXPECT_EQ(cpu.factor("game", 1, 410 * kMs), 1.0);
+}
+
+TEST(SimStats, PercentilesInterpolate) {
+    EXPECT_TRUE(std::isnan(percentile({}, 50)));
+    EXPECT_EQ(percentile({4, 1, 3, 2}, 100), 4);
+    EXPECT_EQ(percentile({4, 1, 3, 2}, 50), 2.5);
+    EXPECT_NEAR(percentile({10, 20}, 95), 19.5, 1e-12);
+}
+
+TEST(SimStats, RateClassesAreTheDisplayModes) {
+    const std::vector<std::pair<double, int>> cases = {{0, -1}, {-5, -1}, {std::nan(""), -1}, {12.4, 12},
+            {18, 18}, {18.1, 30}, {33, 30}, {45.5, 45}, {59.9, 60}, {79.7, 90}, {98.6, 120}, {200, 185},
+            {240, 240}, {286, -1}};
+    for (const auto& [rate, mode] : cases) EXPECT_EQ(rateClass(rate), mode) << rate;
+}
+
+TEST(SimStats, FramesMayStayLongerAtLowerCadences) {
+    for (int mode : {60, 0, 90, 59}) EXPECT_EQ(allowedVsyncs(60, mode), 1) << mode;
+    EXPECT_EQ(allowedVsyncs(60, 45), 2);
+    EXPECT_EQ(allowedVsyncs(120, 30), 4);
+    EXPECT_EQ(allowedVsyncs(60, 20), 3);
+}
+
+TEST(SimServiceLog, ReadsEventsReportsAndLocks) {
+    std::vector<perfd_stub::Call> calls = {
+            call("perf_get_feedback", "com.game", {5633}),
+            call("perf_event", "{\"apps\":[{\"F\":1,\"pkg\":\"com.game\",\"fps\":0}]}", {4194, 2}, {101, 1}),
+            call("perf_event", "com.game", {4196, 2}, {0, 60}), call("perf_event", "null", {4196, 2}, {0, -1})};
+    ServiceLog log;
+    log.consume(calls, 1.0);
+    calls.insert(calls.end(), {call("perf_event", "{\"apps\":[{\"M\":60,\"pkg\":\"com.game\"}]}", {4194, 2}, {101, 2}),
+            call("perf_event", "com.game", {4186, 2}, {5, 0}), call("perf_lock_acq", "", {0, 0, 2}, {0x40CD0000, 4100}),
+            call("perf_lock_acq", "", {0, 0, 2}, {0x40CD0000, 4100})});
+    log.consume(calls, 3.0);  // the record only grows: what was read is not counted again
+    EXPECT_EQ(log.perfEvents(), (std::map<int, int>{{4186, 1}, {4194, 2}, {4196, 2}}));
+    const std::vector<ModeChange> game = log.modes("com.game");
+    ASSERT_EQ(game.size(), 2u) << "a report without a mode is -1; a mode reported twice is one change";
+    EXPECT_TRUE(game[0].mode == -1 && game[1].mode == 60 && game[1].atS == 1.0);
+    EXPECT_TRUE(log.tracked("com.game") && !log.tracked("null"));
+    EXPECT_EQ(log.serviceBoosts("com.game").at(5), 1);
+    EXPECT_EQ(log.lowLatencyPids(), (std::vector<int>{4100}));
+}
+
+class SimFakeDevices : public ::testing::Test {
+protected:
+    void SetUp() override { FakeDevices::instance().install(); }
+    void TearDown() override { FakeDevices::instance().uninstall(); }
+    const android::platform::IoctlTable& table() { return android::platform::ioctlTable(); }
+};
+
+TEST_F(SimFakeDevices, FencesFollowTheGpuAndADeadlineRaisesItsClock) {
+    FakeDevices& devices = FakeDevices::instance();
+    const int64_t now = android::platform::now();
+    const int done = devices.submitGpuWork(4, 0, 0), late = devices.submitGpuWork(3, 1'000'000'000, 0);
+    const int behind = devices.submitGpuWork(4, 0, 0);
+    unsigned char info[56] = {};
+    int32_t status;
+    auto statusOf = [&](int fd) {
+        EXPECT_EQ(table().ioctl(fd, FakeDevices::kSyncFileInfo, info), 0);
+        memcpy(&status, info + 32, sizeof(status));
+        return status;
+    };
+    EXPECT_EQ(std::vector<int>({statusOf(late), statusOf(done), statusOf(behind)}), std::vector<int>({0, 1, 0}))
+            << "no work is signalled at once; the GPU runs its work in order";
+    EXPECT_NEAR(devices.signalTime(late), now + 1'000'000'000, 100'000'000);
+
+    // A deadline request runs the rest at the maximum clock, four times the base one.
+    unsigned char deadline[16] = {};
+    EXPECT_EQ(table().ioctl(late, FakeDevices::kSyncSetDeadline, deadline) + table().ioctl(done, FakeDevices::kSyncSetDeadline, deadline), 0);
+    EXPECT_NEAR(devices.signalTime(late), now + 250'000'000, 100'000'000);
+    EXPECT_EQ(std::vector<int>({devices.deadlineRequests(3), devices.deadlineRequests(4), devices.deadlineRequests(5)}),
+              std::vector<int>({1, 1, 0}));
+}
+
+TEST(SimLogSink, CatchesTheProcessLog) {
+    const std::string name = "/tmp/sim-log-" + std::to_string(getpid());
+    LogSink& sink = LogSink::instance();
+    ASSERT_TRUE(sink.install(true, name.c_str()));
+    __android_log_print(ANDROID_LOG_ERROR, "Pelyx.Test", "broken %d", 7);
+    __android_log_print(ANDROID_LOG_WARN, "Pelyx.Test", "careful");
+    __android_log_print(ANDROID_LOG_DEBUG, "Pelyx.Test", "detail");
+    sink.uninstall();
+    EXPECT_EQ(sink.errorLines(), std::vector<std::string>{"Pelyx.Test: broken 7"});
+    std::stringstream text;
+    text << std::ifstream(name).rdbuf();
+    unlink(name.c_str());
+    EXPECT_NE(text.str().find("E Pelyx.Test: broken 7"), std::string::npos) << text.str();
+    EXPECT_NE(text.str().find("D Pelyx.Test: detail"), std::string::npos) << text.str();
+}
+
+TraceResult check(const std::string& events) {
+    const std::string path = ::testing::TempDir() + "sim-trace-" + std::to_string(getpid()) + ".json";
+    std::ofstream(path) << "{\"traceEvents\":[" << events << "]}";
+    const TraceResult result = checkTrace(path);
+    unlink(path.c_str());
+    return result;
+}
+
+TEST(SimTrace, PairsSlicesAndFindsTheUnpaired) {
+    const TraceResult r = check(
+            R"({"ph":"B","name":"vsync","pid":1,"tid":1,"ts":1}, {"ph":"B","name":"onVsync","pid":1,"tid":1,"ts":2},
+               {"ph":"B","name":"work game","pid":1,"tid":2,"ts":2}, {"ph":"E","name":"","pid":1,"tid":1,"ts":3},
+               {"ph":"E","name":"","pid":1,"tid":2,"ts":3}, {"ph":"E","name":"","pid":1,"tid":1,"ts":4},
+               {"ph":"b","name":"track","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":4},
+               {"ph":"e","name":"track","cat":"pelyx","id":5,"pid":1,"tid":4,"ts":5},
+               {"ph":"C","name":"queued game","pid":1,"tid":1,"ts":5,"args":{"value":1}})");
+    EXPECT_TRUE(r.balanced && r.problems.empty());
+    EXPECT_EQ(std::vector<size_t>({r.simulatorSlices, r.librarySlices}), std::vector<size_t>({2, 2}));
+
+    const TraceResult bad = check(
+            R"({"ph":"E","name":"","pid":1,"tid":1,"ts":1}, {"ph":"B","name":"latch game","pid":1,"tid":2,"ts":2},
+               {"ph":"e","name":"track","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":3},
+               {"ph":"b","name":"other","cat":"pelyx","id":5,"pid":1,"tid":3,"ts":4})");
+    EXPECT_FALSE(bad.balanced);
+    EXPECT_EQ(std::vector<size_t>({bad.unmatchedEnds, bad.openSlices, bad.unmatchedAsyncEnds, bad.openAsync,
+                                   bad.problems.size()}), std::vector<size_t>({1, 1, 1, 1, 4}));
+    EXPECT_FALSE(check(R"({"ph":"B")").balanced);
+}
+
+TEST(SimBufferQueue, FramesGoOutInOrderAndAFullQueueBlocksTheAppUntilALatch) {
+    BufferQueue q(2);
+    int64_t release = -1;
+    for (uint64_t n = 1; n <= 2; ++n) {
+        ASSERT_TRUE(q.dequeue(&release));
+        Frame f;
+        f.number = n, q.queue(f);
+    }
+    EXPECT_TRUE(q.freeBuffers() == 0 && q.queued() == 2 && q.oldest()->number == 1u);
+    Frame latched;
+    EXPECT_EQ(q.latch(&latched, 100), 1);
+    EXPECT_EQ(latched.number, 1u);
+    EXPECT_EQ(q.freeBuffers(), 0) << "the first frame on screen frees nothing";
+    std::atomic<bool> got{false};
+    std::thread app([&] { got = q.dequeue(&release); });
+    EXPECT_EQ(q.latch(&latched, 200), 0);
+    app.join();
+    EXPECT_TRUE(got) << "the frame it replaced is free again";
+    EXPECT_EQ(release, 200) << "the display lets go of it when the new frame is presented";
+    EXPECT_EQ(latched.number, 2u);
+    q.cancel(release);
+    EXPECT_EQ(q.freeBuffers(), 1);
+
+    std::atomic<bool> after{true};
+    std::thread blocked([&] { after = q.dequeue(&release) && q.dequeue(&release); });
+    q.close();
+    blocked.join();
+    EXPECT_FALSE(after) << "closing wakes the app for good";
+}
+
+RunResult sampleResult() {
+    RunResult r;
+    r.scenario = "sample", r.libraryEnabled = true, r.durationS = 10, r.refreshHz = 60;
+    LayerResult game, chat;
+    game.label = "game", game.package = "com.game", game.name = "SurfaceView[com.game/com.game.A](BLAST)#1";
+    game.fpsModes = {{0.6, -1}, {1.6, 60}, {8.7, 45}};
+    game.framesQueued = 520, game.framesPresented = 519, game.holdsMs = {12, 13, 14}, game.quickTouchHolds = 3;
+    game.boosts.level1 = 6, game.boosts.level2 = 5, game.boosts.level3 = 4, game.boosts.withdrawn = 6;
+    game.boostsAttributed = true;
+    game.inputToPresentMs = {50, 52, 54};
+    game.targetFps = 45, game.targetFpsActive = true;
+    chat.label = "chat", chat.package = "com.chat";
+    r.layers = {game, chat};
+    r.lowLatencyPids = {4100};
+    return r;
+}
+
+TEST(SimSummary, CarriesTheFiguresOfTheRunAndTheReportShowsThem) {
+    const Json::Value s = toJson(sampleResult());
+    EXPECT_TRUE(checkSummary(s).empty());
+    const Json::Value& game = s["layers"][0];
+    EXPECT_EQ(game["fps_mode"].asInt(), 45) << "the last mode";
+    EXPECT_EQ(std::vector<double>({game["holds"]["p50_ms"].asDouble(), game["input_to_present_ms"]["p50"].asDouble(),
+                                   game["target_fps"].asDouble()}), std::vector<double>({13, 52, 45}));
+    EXPECT_TRUE(game["quick_touch"].asBool());
+    LayerResult slowCall;
+    slowCall.quickTouchHolds = 2;
+    EXPECT_FALSE(slowCall.quickTouch()) << "a slow call or two is no headroom hold";
+    const Json::Value& chat = s["layers"][1];
+    EXPECT_TRUE(chat["holds"]["p50_ms"].isNull() && chat["target_fps"].isNull()) << "nothing measured is null, not 0";
+
+    std::ostringstream report;
+    printReport(s, report);
+    for (const char* part : {"library enabled", "6/5/4/6", "-1 @0.6s -> 60 @1.6s -> 45 @8.7s", "low latency pids: 4100"})
+        EXPECT_NE(report.str().find(part), std::string::npos) << part;
+    RunResult offResult = sampleResult();
+    offResult.libraryEnabled = false;
+    offResult.layers[0].inputToPresentMs = {60, 64, 68};
+    std::ostringstream comparison;
+    printComparison(toJson(offResult), s, comparison);
+    EXPECT_NE(comparison.str().find("-12.0 ms (-19%)"), std::string::npos) << comparison.str();
+}
+
+TEST(SimSummary, SchemaCheckNamesEveryMissingOrMistypedField) {
+    const Json::Value good = toJson(sampleResult());
+    for (const char* key : {"name", "fps_mode", "frame_timeline", "phases", "holds", "boosts", "quick_touch"}) {
+        Json::Value s = good;
+        s["layers"][0].removeMember(key);
+        EXPECT_EQ(checkSummary(s).at(0).rfind(std::string("layers[0].") + key, 0), 0u) << key;
+    }
+    Json::Value s = good;
+    s["layers"][0]["holds"]["p99_ms"] = "slow";
+    s["layers"][1]["boosts"]["level2"] = "six";
+    s["perf_events"]["x"] = 1;
+    s["schema"] = "other/1";
+    s.removeMember("duration_s");
+    EXPECT_EQ(checkSummary(s).size(), 5u);
 }
 
 } // namespace
