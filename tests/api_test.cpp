@@ -6,13 +6,7 @@
 
 #include <dirent.h>
 
-#include <atomic>
-#include <chrono>
-#include <cstring>
-#include <functional>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 

@@ -2,7 +2,9 @@
 // stopped monitor (init, then forceStop); the last ones let "BLT" run them.
 
 #include <PerfdControl.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -15,6 +17,7 @@
 #include "support/FakeBoostDevice.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
+#include "support/TimerQueuePeer.h"
 
 namespace android {
 
@@ -304,4 +307,19 @@ TEST_F(GfrTest, BltRunsDynamicChecksInRealTime) {
     // Past the deadline: max(base, last), then the last level's base.
     EXPECT_EQ((std::vector<Hint>{{1, -kPeriod, 300}, {2, -kPeriod, 500}, {3, -kPeriod, 2000}}),
               hints());
+}
+
+TEST_F(GfrTest, ALoopErrorIsLoggedAndTheLoopGoesOn) {
+    ASSERT_TRUE(monitor.init());
+    const android::sp<android::TimerQueue> queue = peer.queue();
+    // The epoll descriptor now names a plain file, so every wait fails; the wait in progress is
+    // on the old instance and is woken.
+    const int plain = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(dup2(plain, android::TimerQueueTestPeer::epollFd(*queue)), 0);
+    close(plain);
+    queue->wake();
+    const auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (logs.count(kTag, ANDROID_LOG_ERROR, "TimerQueue error") < 2 && std::chrono::steady_clock::now() < until)
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    EXPECT_GE(logs.count(kTag, ANDROID_LOG_ERROR, "TimerQueue error"), 2u) << "the loop goes on after an error";
 }

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <android/log.h>
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <atomic>

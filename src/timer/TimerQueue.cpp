@@ -38,7 +38,7 @@ void closeFd(int& fd) {
 
 } // namespace
 
-TimerQueue::TimerQueue() {
+TimerQueue::TimerQueue() : mNow(monotonicNow) {
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     if (mEpollFd < 0) {
         ALOGE("epoll_create1 failed: %s", strerror(errno));
@@ -152,7 +152,7 @@ int TimerQueue::pollOnce(int timeoutMillis) {
             if (read(mTimerFd, &expirations, sizeof(expirations)) < 0 && errno != EAGAIN) {
                 ALOGE("read(timerfd) failed: %s", strerror(errno));
             }
-            const int64_t now = monotonicNow();
+            const int64_t now = mNow();
             std::vector<TimerEntry> due;
             Released released;
             {
@@ -192,7 +192,7 @@ uint64_t TimerQueue::sendMessage(const sp<MessageHandler>& handler, const Messag
 uint64_t TimerQueue::sendMessageDelayed(int64_t delayNs, const sp<MessageHandler>& handler,
                                         const Message& message) {
     if (!mInitialized) return 0;
-    const int64_t now = monotonicNow();
+    const int64_t now = mNow();
     Mutex::Autolock lock(mMutex);
     const int64_t delay = std::max<int64_t>(delayNs, 0);
     // Saturate rather than wrap: a huge delay means "never", not "long ago".

@@ -70,6 +70,8 @@ public:
     void cancelTask(uint64_t id) EXCLUDES(mMutex);
 
 private:
+    friend class TimerQueueTestPeer;
+
     struct TimerEntry {
         int64_t when;
         sp<MessageHandler> handler;
@@ -102,6 +104,8 @@ private:
     // Min-heap on when alone: no tie-break, equal times leave in whatever order the heap yields.
     static bool later(const TimerEntry& a, const TimerEntry& b) { return a.when > b.when; }
 
+    // The timer descriptor's clock, CLOCK_MONOTONIC; a test may stand in a clock it sets.
+    int64_t (*mNow)();
     int mEpollFd = -1;
     int mTimerFd = -1;
     int mWakeFd = -1;
