@@ -273,12 +273,8 @@ SweepMetrics metricsOf(const Json::Value& summary, const std::string& layer) {
     SweepMetrics m;
     m.p50Ms = num(l["input_to_present_ms"]["p50"]);
     m.p95Ms = num(l["input_to_present_ms"]["p95"]);
-    if (l["frame_timeline"].isObject()) {
-        m.late = l["frame_timeline"]["late"].asInt();
-        m.lateVsyncs = l["frame_timeline"]["late_vsyncs"].asInt();
-    } else {
-        m.late = l["janks"].asInt();
-    }
+    m.late = l["frame_timeline"]["late"].asInt();
+    m.lateVsyncs = l["frame_timeline"]["late_vsyncs"].asInt();
     m.presentedFps = num(l["presented_fps"]);
     const Json::Value& b = summary["boosts"];
     m.boosts[0] = b["level1"].asInt(), m.boosts[1] = b["level2"].asInt(), m.boosts[2] = b["level3"].asInt();
@@ -344,7 +340,7 @@ Json::Value metricsJson(const SweepMetrics& m) {
     v["p50_ms"] = num(m.p50Ms);
     v["p95_ms"] = num(m.p95Ms);
     v["late"] = m.late;
-    v["late_vsyncs"] = m.lateVsyncs ? Json::Value(*m.lateVsyncs) : Json::Value();
+    v["late_vsyncs"] = m.lateVsyncs;
     v["presented_fps"] = num(m.presentedFps);
     Json::Value boosts(Json::arrayValue);
     for (int level : m.boosts) boosts.append(level);
@@ -380,7 +376,7 @@ void printSweepTable(const SweepSpec& plan, const std::vector<SweepRun>& runs, c
                 std::to_string(m.boosts[2]);
         snprintf(line, sizeof(line), "%-5d %-2s %8s %8s %6d %7s %6s %-10s %8s %7s  %s\n", ++rank,
                  r.nonDominated ? "*" : "", f("%.1f", m.p50Ms).c_str(), f("%.1f", m.p95Ms).c_str(), m.late,
-                 m.lateVsyncs ? std::to_string(*m.lateVsyncs).c_str() : "-", f("%.1f", m.presentedFps).c_str(),
+                 std::to_string(m.lateVsyncs).c_str(), f("%.1f", m.presentedFps).c_str(),
                  boosts.c_str(), f("%.1f", m.holdP99Ms).c_str(), f("%.2f", m.libraryCpuMsPerS).c_str(),
                  settingLabel(plan, r.setting).c_str());
         out << line;

@@ -65,7 +65,7 @@ struct SweepMetrics {
     double p50Ms = 0;  // NaN when no frame sampled a touch
     double p95Ms = 0;
     int late = 0;                    // frame-timeline late frames (rhythm janks in older summaries)
-    std::optional<int> lateVsyncs;   // absent in older summaries
+    int lateVsyncs = 0;
     double presentedFps = 0;
     int boosts[3] = {0, 0, 0};       // device records by level, over the whole run
     double holdP99Ms = 0;            // NaN without holds
