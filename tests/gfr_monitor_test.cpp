@@ -133,6 +133,7 @@ TEST_F(GfrTest, FrameReplacedInTimeSendsNothingAndStaleChecksDoNothing) {
     monitor.onQueueBegin(kId, clock.now() + 1, kPeriod, 5 * kMs);
     EXPECT_EQ(0u, s->mPendingCheckId) << "the begin cancels the check";
     peer.fire(kId, 0, first); // as if it lost the race with the cancellation
+    EXPECT_EQ(1u, logs.count(kTag, ANDROID_LOG_DEBUG, "Layer 7 enable GFR"));
     monitor.setGFRActive(kId, false);
     peer.fire(kId, 0, clock.now() + 1);
     monitor.unregisterLayer(kId);

@@ -98,10 +98,6 @@ TEST_F(SimRun, BadInputStopsBeforeTheRun) {
 
     const std::string sweep = write("sweep.json", R"({"axes": [{"hint": 4171, "values": [true]}]})");
     expectRefused(run({"--sweep", sweep}), sweep, "axes[0].values[0]: must be a text, an integer");
-
-    const Outcome print = run({"--print-default"});
-    EXPECT_EQ(print.status, 0);
-    EXPECT_EQ(print.out, kDefaultScenarioJson);
 }
 
 TEST_F(SimRun, AShortRunWritesItsSummaryTraceAndFrames) {
