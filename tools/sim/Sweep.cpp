@@ -374,9 +374,9 @@ void printSweepTable(const SweepSpec& plan, const std::vector<SweepRun>& runs, c
         }
         const std::string boosts = std::to_string(m.boosts[0]) + "/" + std::to_string(m.boosts[1]) + "/" +
                 std::to_string(m.boosts[2]);
-        snprintf(line, sizeof(line), "%-5d %-2s %8s %8s %6d %7s %6s %-10s %8s %7s  %s\n", ++rank,
+        snprintf(line, sizeof(line), "%-5d %-2s %8s %8s %6d %7d %6s %-10s %8s %7s  %s\n", ++rank,
                  r.nonDominated ? "*" : "", f("%.1f", m.p50Ms).c_str(), f("%.1f", m.p95Ms).c_str(), m.late,
-                 std::to_string(m.lateVsyncs).c_str(), f("%.1f", m.presentedFps).c_str(),
+                 m.lateVsyncs, f("%.1f", m.presentedFps).c_str(),
                  boosts.c_str(), f("%.1f", m.holdP99Ms).c_str(), f("%.2f", m.libraryCpuMsPerS).c_str(),
                  settingLabel(plan, r.setting).c_str());
         out << line;

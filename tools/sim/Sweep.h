@@ -64,7 +64,7 @@ std::string settingLabel(const SweepSpec& plan, const Setting& setting);
 struct SweepMetrics {
     double p50Ms = 0;  // NaN when no frame sampled a touch
     double p95Ms = 0;
-    int late = 0;                    // frame-timeline late frames (rhythm janks in older summaries)
+    int late = 0;                    // frame-timeline late frames
     int lateVsyncs = 0;
     double presentedFps = 0;
     int boosts[3] = {0, 0, 0};       // device records by level, over the whole run
