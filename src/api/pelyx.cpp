@@ -11,7 +11,6 @@
 #include <memory>
 #include <new>
 #include <string>
-#include <thread>
 #include <type_traits>
 
 #include "api/Pelyx.h"
@@ -145,15 +144,20 @@ void propertyMonitor(const std::string& name, PropertyCallback callback) {
     // Read before the thread exists, so a change made after this returns always counts as one,
     // however late the thread gets to run.
     const bool initial = platform::getBoolProperty(name, false);
-    std::thread([name, callback, current = initial]() mutable {
-        for (;;) {
-            if (!platform::waitForProperty(name, current ? "0" : "1", platform::kWaitForever)) {
-                continue;
+    platform::Thread watcher;
+    if (!watcher.start("property watcher", [name, callback, current = initial]() mutable {
+            for (;;) {
+                if (!platform::waitForProperty(name, current ? "0" : "1", platform::kWaitForever)) {
+                    continue;
+                }
+                current = !current;
+                guarded("propertyMonitor", [&] { callback(current); });
             }
-            current = !current;
-            guarded("propertyMonitor", [&] { callback(current); });
-        }
-    }).detach();
+        })) {
+        ALOGE("Failed to start the watcher of %s", name.c_str());
+        return;
+    }
+    watcher.detach();
 }
 
 void onSTPropChanged(bool value) {

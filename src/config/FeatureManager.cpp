@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <mutex>
 #include <sstream>
-#include <thread>
 
 #include "layers/LayerManager.h"
 #include "perf/PerfProxy.h"
@@ -162,11 +161,16 @@ std::string FeatureManager::getCheckingAliveApp() const {
 void FeatureManager::propertyMonitor(const std::string& name) {
     // Taken before the thread starts so that a change made right after this call is seen.
     uint32_t serial = platform::propertySerial(name);
-    std::thread([this, name, serial]() mutable {
-        for (;;) {
-            if (platform::waitForPropertyChange(name, &serial)) onPropChanged(name);
-        }
-    }).detach();
+    platform::Thread watcher;
+    if (!watcher.start("property watcher", [this, name, serial]() mutable {
+            for (;;) {
+                if (platform::waitForPropertyChange(name, &serial)) onPropChanged(name);
+            }
+        })) {
+        ALOGE("Failed to start the watcher of %s", name.c_str());
+        return;
+    }
+    watcher.detach();
 }
 
 void FeatureManager::onPropChanged(const std::string& name) {

@@ -8,7 +8,6 @@
 #include <cmath>
 #include <exception>
 #include <limits>
-#include <system_error>
 #include <utility>
 
 #include "config/FeatureManager.h"
@@ -77,9 +76,7 @@ bool GFRMonitor::init() {
 
     mRunning.store(true);
     if (mThread.joinable()) mThread.join();
-    try {
-        mThread = std::thread(&GFRMonitor::monitorThreadMain, this);
-    } catch (const std::system_error&) {
+    if (!mThread.start("BLT", [this] { monitorThreadMain(); })) {
         ALOGE("Failed to create GFRMonitor thread");
         mRunning.store(false);
         Mutex::Autolock lock(mMutex);
@@ -121,7 +118,7 @@ void GFRMonitor::forceStop() {
     }
     if (queue) queue->wake();
     if (mThread.joinable()) {
-        if (mThread.get_id() == std::this_thread::get_id()) {
+        if (mThread.isCurrent()) {
             mThread.detach();
         } else {
             mThread.join();

@@ -9,10 +9,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <thread>
 
 #include "config/GfrTunables.h"
 #include "gfr/LayerGFRState.h"
+#include "platform/Thread.h"
 #include "timer/TimerQueue.h"
 
 namespace android {
@@ -112,7 +112,7 @@ private:
 
     // Serialises init and forceStop; taken before mMutex, never by a check.
     Mutex mLifecycleLock ACQUIRED_BEFORE(mMutex);
-    std::thread mThread GUARDED_BY(mLifecycleLock);
+    platform::Thread mThread GUARDED_BY(mLifecycleLock);
 
     Mutex mMutex;
     std::map<int32_t, sp<LayerGFRState>> mLayers GUARDED_BY(mMutex);

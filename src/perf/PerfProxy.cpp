@@ -12,7 +12,6 @@
 #include <cstdio>
 #include <cstring>
 #include <exception>
-#include <system_error>
 #include <type_traits>
 #include <utility>
 
@@ -164,9 +163,8 @@ void PerfProxy::startBoostThread() {
         mRunning.store(false);
         return;
     }
-    try {
-        mThread = std::thread(&PerfProxy::threadMain, this, queue, mGeneration.load());
-    } catch (const std::system_error&) {
+    const uint64_t generation = mGeneration.load();
+    if (!mThread.start("BP", [this, queue, generation] { threadMain(queue, generation); })) {
         ALOGE("BoostThread Creation Failed");
         mRunning.store(false);
         return;
@@ -176,7 +174,7 @@ void PerfProxy::startBoostThread() {
 
 void PerfProxy::stopBoostThread() {
     sp<TimerQueue> queue;
-    std::thread thread;
+    platform::Thread thread;
     {
         Mutex::Autolock lock(mThreadLock);
         if (!mRunning.exchange(false)) return;
@@ -187,7 +185,7 @@ void PerfProxy::stopBoostThread() {
     // Joined outside the lock: a task on the way out may still post (and be refused).
     if (queue) queue->wake();
     if (thread.joinable()) {
-        if (thread.get_id() == std::this_thread::get_id()) {
+        if (thread.isCurrent()) {
             thread.detach(); // stopped from one of its own tasks: the loop ends after it
         } else {
             thread.join();

@@ -8,9 +8,9 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <thread>
 
 #include "perf/PerfClientApi.h"
+#include "platform/Thread.h"
 #include "timer/TimerQueue.h"
 
 namespace android {
@@ -124,7 +124,7 @@ private:
     // Guards the queue reference and the thread object against a concurrent start/stop.
     Mutex mThreadLock;
     sp<TimerQueue> mTimerQueue GUARDED_BY(mThreadLock);
-    std::thread mThread GUARDED_BY(mThreadLock);
+    platform::Thread mThread GUARDED_BY(mThreadLock);
     std::atomic<bool> mRunning{false};
     // Bumped by every stop: a thread stopped from its own task and left detached must not go
     // on polling because a start right after set the running flag again.

@@ -7,9 +7,9 @@
 #include <algorithm>
 #include <chrono>
 #include <cmath>
-#include <thread>
 
 #include "perf/PerfProxy.h"
+#include "platform/Clock.h"
 
 namespace android {
 namespace {
@@ -49,10 +49,6 @@ bool fpsToInterval(float fps, int64_t* interval) {
     if (!(fps > kMinFps)) return false;
     *interval = truncateNs(1e9f / fps);
     return true;
-}
-
-int64_t realNow() {
-    return systemTime(SYSTEM_TIME_MONOTONIC);
 }
 
 int32_t weightOf(float ratio) {
@@ -474,9 +470,9 @@ LayerPHRState::HoldResult LayerPHRState::waitForRelease(int64_t timeoutNs, bool 
         mWaiting = false;
         return HoldResult::kNotWaited;
     }
-    const int64_t deadline = realNow() + std::min(timeoutNs, kMaxWaitNs);
+    const int64_t deadline = platform::waitClockNow() + std::min(timeoutNs, kMaxWaitNs);
     while (mWaiting && !mDetached.load()) {
-        const int64_t remaining = deadline - realNow();
+        const int64_t remaining = deadline - platform::waitClockNow();
         if (remaining <= 0) {
             mWaiting = false;
             if (firstHold) mTimedOut.store(true);
@@ -530,7 +526,7 @@ bool LayerPHRState::isWaiting() const {
 
 void LayerPHRState::sleepFor(int64_t ns) {
     // A plain sleep: pacing holds the frame to its deadline, whatever happens to the layer.
-    std::this_thread::sleep_for(std::chrono::nanoseconds(ns));
+    platform::sleepFor(ns);
 }
 
 } // namespace android

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <android-base/thread_annotations.h>
-#include <utils/Condition.h>
 #include <utils/LightRefBase.h>
 #include <utils/Mutex.h>
 
@@ -10,6 +9,8 @@
 #include <cstdint>
 #include <deque>
 #include <string>
+
+#include "platform/Condition.h"
 
 namespace android {
 
@@ -180,7 +181,7 @@ private:
     int64_t mNextDeadline GUARDED_BY(mLock) = -1;
 
     mutable Mutex mHoldLock;
-    Condition mHoldCondition; // monotonic clock
+    platform::Condition mHoldCondition;
     bool mWaiting GUARDED_BY(mHoldLock) = false;
     std::atomic<bool> mDetached{false};
 };

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -26,10 +25,6 @@ constexpr int32_t kBufferDropWaitLimit = 29;
 constexpr int64_t kRecentJankNs = 999'999'999;
 // The idle worker re-checks its state this often; a vsync or a stop wakes it at once anyway.
 constexpr int64_t kIdleWaitNs = 250'000'000;
-
-int64_t realNow() {
-    return systemTime(SYSTEM_TIME_MONOTONIC);
-}
 
 } // namespace
 
@@ -66,9 +61,7 @@ bool PHRMonitor::init() {
         Mutex::Autolock lock(mThreadLock);
         seen = mVsyncSequence;
     }
-    try {
-        mThread = std::thread(&PHRMonitor::threadMain, this, seen);
-    } catch (const std::system_error&) {
+    if (!mThread.start("PHR", [this, seen] { threadMain(seen); })) {
         ALOGE("PHRMonitor thread creation failed");
         mRunning.store(false);
         return false;
@@ -85,7 +78,7 @@ void PHRMonitor::forceStop() {
             mThreadCondition.broadcast();
         }
         if (mThread.joinable()) {
-            if (mThread.get_id() == std::this_thread::get_id()) {
+            if (mThread.isCurrent()) {
                 mThread.detach();
             } else {
                 mThread.join();
@@ -147,9 +140,9 @@ bool PHRMonitor::waitForVsync(uint64_t* seen) {
 
 bool PHRMonitor::waitForReleasePoint(int64_t waitNs, uint64_t* seen) {
     Mutex::Autolock lock(mThreadLock);
-    const int64_t deadline = realNow() + std::min(waitNs, LayerPHRState::kMaxWaitNs);
+    const int64_t deadline = platform::waitClockNow() + std::min(waitNs, LayerPHRState::kMaxWaitNs);
     while (mRunning.load() && mVsyncSequence == *seen) {
-        const int64_t remaining = deadline - realNow();
+        const int64_t remaining = deadline - platform::waitClockNow();
         if (remaining <= 0) break;
         mThreadCondition.waitRelative(mThreadLock, remaining);
     }

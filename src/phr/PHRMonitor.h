@@ -1,7 +1,6 @@
 #pragma once
 
 #include <android-base/thread_annotations.h>
-#include <utils/Condition.h>
 #include <utils/Mutex.h>
 #include <utils/StrongPointer.h>
 
@@ -9,9 +8,10 @@
 #include <cstdint>
 #include <map>
 #include <string>
-#include <thread>
 
 #include "phr/LayerPHRState.h"
+#include "platform/Condition.h"
+#include "platform/Thread.h"
 
 namespace android {
 
@@ -118,10 +118,10 @@ private:
 
     // Serialises init and forceStop around the thread handle.
     Mutex mStartLock;
-    std::thread mThread GUARDED_BY(mStartLock);
+    platform::Thread mThread GUARDED_BY(mStartLock);
     mutable Mutex mLayersLock;
     Mutex mThreadLock;
-    Condition mThreadCondition; // monotonic clock
+    platform::Condition mThreadCondition;
     // Bumped by each vsync of the quick-touch layer, so no wake-up is lost between waits.
     uint64_t mVsyncSequence GUARDED_BY(mThreadLock) = 0;
     std::map<int32_t, sp<LayerPHRState>> mLayers GUARDED_BY(mLayersLock);

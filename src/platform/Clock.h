@@ -8,4 +8,14 @@ namespace android::platform {
 // substitute a manual clock (HostControl.h); kernel timers never see it.
 int64_t now();
 
+// The clock every wait below and in Condition.h, Thread.h and LoopWait.h runs on: the kernel's
+// monotonic clock, or the virtual clock while a host runs one. A test's manual clock never
+// reaches it, so a deadline computed from it is one the wait keeps.
+int64_t waitClockNow();
+
+// Block the calling thread on the wait clock; nothing happens for a deadline already past. A
+// signal does not cut a sleep short: it runs on to the same deadline.
+void sleepFor(int64_t ns);
+void sleepUntil(int64_t deadlineNs);
+
 } // namespace android::platform

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <random>
 #include <string>
 
 #include "platform/Ioctl.h"
@@ -15,6 +16,21 @@ namespace android::platform::host {
 // Replaces the clock behind platform::now(); nullptr restores the monotonic clock.
 using ClockFn = int64_t (*)();
 void setClock(ClockFn clock);
+
+// The virtual clock (host/VirtualTime.h). Once started it runs every wait of the calling thread
+// and of every thread started through platform::Thread after it, for the rest of the process.
+struct VirtualTimeOptions {
+    int64_t startNs = 1'000'000'000'000;  // virtual "now" at the start
+    uint64_t seed = 1;
+    // The scheduler's wake-up latency, drawn with the woken thread's own generator on each
+    // wake-up; empty: none.
+    std::function<int64_t(std::mt19937_64&)> wakeupLatencyNs;
+    // A thread that holds the turn this long in real time without reaching a wait ends the
+    // process with status 1 and a line naming it; 0: never.
+    double watchdogS = 10.0;
+};
+void startVirtualTime(VirtualTimeOptions options);
+bool virtualTimeRunning();
 
 // Identity reported by getCallingPid/getCallingUid on the calling thread until cleared.
 void setCallingIdentity(pid_t pid, uid_t uid);

@@ -3,11 +3,6 @@
 #include "timer/TimerQueue.h"
 
 #include <log/log.h>
-#include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
-#include <utils/Timers.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -21,90 +16,29 @@ namespace android {
 
 namespace {
 
-constexpr int kMaxEvents = 2; // the timer and the wake descriptor
-constexpr int64_t kNsPerSec = 1000000000LL;
-
-// The queue arms an absolute kernel timer, so it reads the real clock, never a test clock.
-int64_t monotonicNow() {
-    return systemTime(SYSTEM_TIME_MONOTONIC);
-}
-
-void closeFd(int& fd) {
-    if (fd >= 0) {
-        close(fd);
-        fd = -1;
-    }
-}
-
 } // namespace
 
-TimerQueue::TimerQueue() : mNow(monotonicNow) {
-    mEpollFd = epoll_create1(EPOLL_CLOEXEC);
-    if (mEpollFd < 0) {
-        ALOGE("epoll_create1 failed: %s", strerror(errno));
-        return;
-    }
-    mTimerFd = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
-    if (mTimerFd < 0) {
-        ALOGE("timerfd_create failed: %s", strerror(errno));
-        return;
-    }
-    mWakeFd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-    if (mWakeFd < 0) {
-        ALOGE("eventfd failed: %s", strerror(errno));
-        return;
-    }
-
-    struct epoll_event event = {};
-    event.events = EPOLLIN;
-    event.data.fd = mTimerFd;
-    if (epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mTimerFd, &event) < 0) {
-        ALOGE("epoll_ctl(timerfd) failed: %s", strerror(errno));
-        return;
-    }
-    event = {};
-    event.events = EPOLLIN;
-    event.data.fd = mWakeFd;
-    if (epoll_ctl(mEpollFd, EPOLL_CTL_ADD, mWakeFd, &event) < 0) {
-        ALOGE("epoll_ctl(eventfd) failed: %s", strerror(errno));
-        return;
-    }
-    mInitialized = true;
+TimerQueue::TimerQueue() : mWait(platform::LoopWait::create()) {
+    mInitialized = mWait != nullptr;
 }
 
 TimerQueue::~TimerQueue() {
     wake();
-    closeFd(mEpollFd);
-    closeFd(mTimerFd);
-    closeFd(mWakeFd);
     // The members then go in reverse order: cancelled ids, the heap (releasing every pending
-    // handler uncalled), the mutex.
+    // handler uncalled), the mutex, the wait.
 }
 
 void TimerQueue::wake() {
     if (!mInitialized) return;
-    uint64_t one = 1;
-    if (write(mWakeFd, &one, sizeof(one)) < 0 && errno != EAGAIN) {
-        ALOGE("write(eventfd) failed: %s", strerror(errno));
-    }
+    mWait->wake();
 }
 
 void TimerQueue::armTimerLocked(int64_t when) {
-    if (mTimerFd < 0) return;
-    struct itimerspec value = {};
-    value.it_value.tv_sec = static_cast<time_t>(when / kNsPerSec);
-    value.it_value.tv_nsec = static_cast<long>(when - (when / kNsPerSec) * kNsPerSec);
-    if (timerfd_settime(mTimerFd, TFD_TIMER_ABSTIME, &value, nullptr) < 0) {
-        ALOGE("Failed to set timerfd %s (%i)", strerror(errno), errno);
-    }
+    if (mWait) mWait->arm(when);
 }
 
 void TimerQueue::disarmTimerLocked() {
-    if (mTimerFd < 0) return;
-    struct itimerspec value = {};
-    if (timerfd_settime(mTimerFd, 0, &value, nullptr) < 0) {
-        ALOGE("Failed to disarm timerfd");
-    }
+    if (mWait) mWait->disarm();
 }
 
 void TimerQueue::Released::add(sp<MessageHandler>&& handler) {
@@ -134,54 +68,46 @@ void TimerQueue::rearmFromHeapLocked(Released& released) {
 }
 
 int TimerQueue::pollOnce(int timeoutMillis) {
-    struct epoll_event events[kMaxEvents];
-    int count = epoll_wait(mEpollFd, events, kMaxEvents, timeoutMillis);
-    if (count < 0) {
+    if (!mInitialized) {
+        errno = EBADF;
+        ALOGE("epoll_wait error: %s", strerror(errno));
+        return kPollError;
+    }
+    const int events = mWait->wait(timeoutMillis);
+    if (events < 0) {
         if (errno == EINTR) return kPollWake;
         ALOGE("epoll_wait error: %s", strerror(errno));
         return kPollError;
     }
-    if (count == 0) return kPollTimeout;
+    if (events == 0) return kPollTimeout;
 
     int result = kPollWake;
-    for (int i = 0; i < count; i++) {
-        const int fd = events[i].data.fd;
-        if (fd == mTimerFd) {
-            uint64_t expirations = 0;
-            // EAGAIN: the timer was re-armed after it fired; the heap decides what is due anyway.
-            if (read(mTimerFd, &expirations, sizeof(expirations)) < 0 && errno != EAGAIN) {
-                ALOGE("read(timerfd) failed: %s", strerror(errno));
-            }
-            const int64_t now = mNow();
-            std::vector<TimerEntry> due;
-            Released released;
-            {
-                Mutex::Autolock lock(mMutex);
-                while (!mHeap.empty()) {
-                    TimerEntry& front = mHeap.front();
-                    if (mCancelled.erase(front.id) > 0) {
-                        popFrontLocked(released);
-                        continue;
-                    }
-                    if (now < front.when) break;
-                    due.push_back(std::move(front));
+    if (events & platform::LoopWait::kTimer) {
+        const int64_t now = this->now();
+        std::vector<TimerEntry> due;
+        Released released;
+        {
+            Mutex::Autolock lock(mMutex);
+            while (!mHeap.empty()) {
+                TimerEntry& front = mHeap.front();
+                if (mCancelled.erase(front.id) > 0) {
                     popFrontLocked(released);
+                    continue;
                 }
-                rearmFromHeapLocked(released);
+                if (now < front.when) break;
+                due.push_back(std::move(front));
+                popFrontLocked(released);
             }
-            // Without the lock, so a handler may schedule or cancel on this queue.
-            for (const TimerEntry& entry : due) {
-                if (entry.handler != nullptr) entry.handler->handleMessage(entry.message);
-            }
-            result = kPollCallback;
-        } else if (fd == mWakeFd) {
-            uint64_t counter = 0;
-            if (read(mWakeFd, &counter, sizeof(counter)) < 0 && errno != EAGAIN) {
-                ALOGE("read(eventfd) failed: %s", strerror(errno));
-            }
-            result = kPollWake;
+            rearmFromHeapLocked(released);
         }
+        // Without the lock, so a handler may schedule or cancel on this queue.
+        for (const TimerEntry& entry : due) {
+            if (entry.handler != nullptr) entry.handler->handleMessage(entry.message);
+        }
+        result = kPollCallback;
     }
+    // Both at once: the wake-up is the last handled.
+    if (events & platform::LoopWait::kWake) result = kPollWake;
     return result;
 }
 
@@ -192,7 +118,7 @@ uint64_t TimerQueue::sendMessage(const sp<MessageHandler>& handler, const Messag
 uint64_t TimerQueue::sendMessageDelayed(int64_t delayNs, const sp<MessageHandler>& handler,
                                         const Message& message) {
     if (!mInitialized) return 0;
-    const int64_t now = mNow();
+    const int64_t now = this->now();
     Mutex::Autolock lock(mMutex);
     const int64_t delay = std::max<int64_t>(delayNs, 0);
     // Saturate rather than wrap: a huge delay means "never", not "long ago".

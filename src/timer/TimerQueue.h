@@ -7,16 +7,18 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <unordered_set>
 
 #include <vector>
 
+#include "platform/LoopWait.h"
 #include "timer/NodeRecycler.h"
 
 namespace android {
 
-// A delayed message and task loop: a min-heap of timed entries and one timerfd always armed at
-// the earliest live entry, plus an eventfd to wake the loop.
+// A delayed message and task loop: a min-heap of timed entries and one timer (platform::LoopWait,
+// the kernel's timerfd on a device) always armed at the earliest live entry, plus a wake-up.
 //
 // Threading: any thread may schedule, cancel or wake; exactly one owning thread calls pollOnce.
 // Handlers run on that thread with no lock held, so they may schedule or cancel on this queue.
@@ -35,7 +37,7 @@ public:
     // Opens and registers the descriptors; a failure is logged and leaves the queue
     // uninitialised (see isInitialized).
     TimerQueue();
-    // Wakes the loop, closes the descriptors and releases pending entries without calling them.
+    // Wakes the loop, closes its wait and releases pending entries without calling them.
     // The owning thread must no longer be inside pollOnce once the last reference goes.
     ~TimerQueue() override;
 
@@ -104,11 +106,11 @@ private:
     // Min-heap on when alone: no tie-break, equal times leave in whatever order the heap yields.
     static bool later(const TimerEntry& a, const TimerEntry& b) { return a.when > b.when; }
 
-    // The timer descriptor's clock, CLOCK_MONOTONIC; a test may stand in a clock it sets.
-    int64_t (*mNow)();
-    int mEpollFd = -1;
-    int mTimerFd = -1;
-    int mWakeFd = -1;
+    // The timer's own clock unless a test stands in one it sets.
+    int64_t now() const { return mNow ? mNow() : mWait->now(); }
+
+    int64_t (*mNow)() = nullptr;
+    std::unique_ptr<platform::LoopWait> mWait;
     bool mInitialized = false;
 
     Mutex mMutex;

@@ -1,14 +1,18 @@
 #pragma once
 
+#include "platform/common/Kernel.h"
 #include "timer/TimerQueue.h"
 
 namespace android {
 
 class TimerQueueTestPeer {
 public:
-    // Entries are then timed on `now`; the timer descriptor still runs on CLOCK_MONOTONIC.
+    // Entries are then timed on `now`; the timer itself still runs on its own clock.
     static void setClock(TimerQueue& queue, int64_t (*now)()) { queue.mNow = now; }
-    static int epollFd(const TimerQueue& queue) { return queue.mEpollFd; }
+    // The queue's epoll descriptor (a queue made on real time).
+    static int epollFd(const TimerQueue& queue) {
+        return static_cast<const platform::kernel::KernelLoopWait&>(*queue.mWait).epollFd();
+    }
 };
 
 } // namespace android

@@ -1,10 +1,10 @@
 #include "platform/Clock.h"
 
-#include <utils/Timers.h>
-
 #include <atomic>
 
 #include "platform/HostControl.h"
+#include "platform/common/Kernel.h"
+#include "platform/host/VirtualTime.h"
 
 namespace android::platform {
 namespace {
@@ -13,7 +13,24 @@ std::atomic<host::ClockFn> gClock{nullptr};
 
 int64_t now() {
     host::ClockFn clock = gClock.load(std::memory_order_acquire);
-    return clock ? clock() : systemTime(SYSTEM_TIME_MONOTONIC);
+    return clock ? clock() : waitClockNow();
+}
+
+int64_t waitClockNow() {
+    host::VirtualTime* time = host::VirtualTime::active();
+    return time ? time->now() : kernel::monotonicNow();
+}
+
+void sleepFor(int64_t ns) {
+    if (ns > 0) sleepUntil(waitClockNow() + ns);
+}
+
+void sleepUntil(int64_t deadlineNs) {
+    if (host::VirtualTime* time = host::VirtualTime::active()) {
+        time->wait(nullptr, deadlineNs, "sleep");
+    } else {
+        kernel::sleepUntil(deadlineNs);
+    }
 }
 
 void host::setClock(ClockFn clock) {

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "platform/HostControl.h"
+#include "platform/host/VirtualTime.h"
 
 namespace android::platform {
 namespace {
@@ -36,6 +37,7 @@ public:
             entry.value = value;
             entry.serial++;
         }
+        if (host::VirtualTime* time = host::VirtualTime::active()) time->notify(this, true);
         mChanged.notify_all();
         return true;
     }
@@ -54,6 +56,19 @@ public:
             auto it = mEntries.find(key);
             return pred(it == mEntries.end() ? Entry{} : it->second);
         };
+        if (host::VirtualTime* time = host::VirtualTime::active()) {
+            const int64_t deadline = timeout == kWaitForever
+                    ? host::VirtualTime::kNever
+                    : time->now() + std::chrono::nanoseconds(timeout).count();
+            while (!check()) {
+                // No other participant runs between the unlock and the wait: no set is lost.
+                lock.unlock();
+                const bool changed = time->wait(this, deadline, "property wait");
+                lock.lock();
+                if (!changed) return check();
+            }
+            return true;
+        }
         if (timeout == kWaitForever) {
             mChanged.wait(lock, check);
             return true;

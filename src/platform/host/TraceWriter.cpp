@@ -10,6 +10,7 @@
 #include "platform/Clock.h"
 #include "platform/HostControl.h"
 #include "platform/Trace.h"
+#include "platform/host/VirtualTime.h"
 
 namespace android::platform {
 namespace host {
@@ -47,13 +48,17 @@ void TraceWriter::close() {
 void TraceWriter::write(char phase, const char* name, const std::string& extra) {
     if (!isOpen()) return;
     const int64_t ns = now();
-    const long tid = syscall(SYS_gettid);
+    // On virtual time a thread is its place in the turn and the process is 1, so that a run's
+    // trace is the same from one run to the next.
+    VirtualTime* time = VirtualTime::active();
+    const long tid = time ? time->currentNumber() : syscall(SYS_gettid);
+    const int pid = time ? 1 : getpid();
     // Names come from apps (layer names): jsoncpp quotes and escapes them.
     const std::string quoted = Json::valueToQuotedString(name ? name : "");
     Mutex::Autolock lock(mMutex);
     if (!mFile) return;
     fprintf(mFile, "%s\n{\"ph\":\"%c\",\"name\":%s,\"pid\":%d,\"tid\":%ld,\"ts\":%" PRId64 ".%03d%s}",
-            mFirst ? "" : ",", phase, quoted.c_str(), getpid(), tid, ns / 1000,
+            mFirst ? "" : ",", phase, quoted.c_str(), pid, tid, ns / 1000,
             static_cast<int>(ns % 1000), extra.c_str());
     mFirst = false;
 }

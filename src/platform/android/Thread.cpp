@@ -1,0 +1,20 @@
+#include "platform/Thread.h"
+
+#include <system_error>
+
+namespace android::platform {
+
+bool Thread::start(const char* /*name*/, std::function<void()> body) {
+    try {
+        mThread = std::thread(std::move(body));
+    } catch (const std::system_error&) {
+        return false;
+    }
+    return true;
+}
+
+void Thread::join() {
+    mThread.join();
+}
+
+} // namespace android::platform
