@@ -1,7 +1,5 @@
 #include "App.h"
 
-#include <time.h>
-
 #include <algorithm>
 #include <array>
 #include <cmath>
@@ -16,13 +14,6 @@
 
 namespace pelyx_sim {
 namespace {
-
-void sleepFor(int64_t ns) {
-    if (ns <= 0) return;
-    timespec ts{static_cast<time_t>(ns / 1'000'000'000), static_cast<long>(ns % 1'000'000'000)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, 0, &ts, &ts) == EINTR) {
-    }
-}
 
 // Frames per second of the median of the last queue intervals: the rate the app keeps, which
 // a heavy frame now and then does not move.
@@ -50,7 +41,7 @@ App::~App() {
 }
 
 void App::start() {
-    mThread = std::thread([this] {
+    mThread.start(("app " + mLayer.setup.label).c_str(), [this] {
         run();
         mLayer.appDone.store(true);
     });
@@ -78,7 +69,7 @@ void App::run() {
 void App::work(int64_t ns) {
     const double factor = mCpu.factor(mLayer.app.package, mLayer.app.pid, android::platform::now());
     android::platform::traceBegin(("work " + mLayer.setup.label).c_str());
-    sleepFor(static_cast<int64_t>(static_cast<double>(ns) / factor));
+    android::platform::sleepFor(static_cast<int64_t>(static_cast<double>(ns) / factor));
     android::platform::traceEnd();
 }
 

@@ -9,12 +9,12 @@
 // thread ends at the stop signal, at the layer's stop time, or when its replay runs out.
 
 #include <cstdint>
-#include <thread>
 
 #include "BufferQueue.h"
 #include "Compositor.h"
 #include "Cpu.h"
 #include "LayerRuntime.h"
+#include "platform/Thread.h"
 
 namespace pelyx_sim {
 
@@ -45,7 +45,7 @@ private:
     const int64_t mRunStartNs;
     int64_t mLastCapStartNs = 0;
     uint64_t mFrames = 0;
-    std::thread mThread;
+    android::platform::Thread mThread;
 };
 
 } // namespace pelyx_sim

@@ -1,15 +1,8 @@
 #include "BufferQueue.h"
 
-#include <time.h>
+#include "platform/Clock.h"
 
 namespace pelyx_sim {
-namespace {
-int64_t monotonicNs() {
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<int64_t>(ts.tv_sec) * 1'000'000'000 + ts.tv_nsec;
-}
-} // namespace
 
 BufferQueue::BufferQueue(int buffers) : mFree(static_cast<size_t>(buffers), 0) {}
 
@@ -82,7 +75,7 @@ bool StopSignal::stopped() const {
 bool StopSignal::waitUntil(int64_t deadlineNs) const {
     android::Mutex::Autolock lock(mLock);
     while (!mStopped) {
-        const int64_t left = deadlineNs - monotonicNs();
+        const int64_t left = deadlineNs - android::platform::waitClockNow();
         if (left <= 0) break;
         mCondition.waitRelative(mLock, left);
     }

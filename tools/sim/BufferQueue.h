@@ -8,13 +8,14 @@
 // thread dequeues and queues, the compositor thread latches, the main thread closes.
 
 #include <android-base/thread_annotations.h>
-#include <utils/Condition.h>
 #include <utils/Mutex.h>
 
 #include <cstdint>
 #include <deque>
 #include <optional>
 #include <vector>
+
+#include "platform/Condition.h"
 
 namespace pelyx_sim {
 
@@ -60,7 +61,7 @@ public:
 
 private:
     mutable android::Mutex mLock;
-    android::Condition mFreed;
+    android::platform::Condition mFreed;
     std::deque<int64_t> mFree GUARDED_BY(mLock);  // release times, oldest freed first
     bool mOnScreen GUARDED_BY(mLock) = false;
     bool mClosed GUARDED_BY(mLock) = false;
@@ -72,12 +73,12 @@ class StopSignal {
 public:
     void stop() EXCLUDES(mLock);
     bool stopped() const EXCLUDES(mLock);
-    // Sleeps until `deadlineNs` (monotonic) or the stop; true when stopped.
+    // Sleeps until `deadlineNs` (the wait clock) or the stop; true when stopped.
     bool waitUntil(int64_t deadlineNs) const EXCLUDES(mLock);
 
 private:
     mutable android::Mutex mLock;
-    mutable android::Condition mCondition;
+    mutable android::platform::Condition mCondition;
     bool mStopped GUARDED_BY(mLock) = false;
 };
 

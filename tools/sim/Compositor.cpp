@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <sched.h>
-#include <time.h>
 
 #include <cmath>
 #include <limits>
@@ -20,13 +19,6 @@ namespace {
 // A buffer whose desired present time is within this of the present is due (clock jitter).
 constexpr int64_t kDueSlackNs = 1'000'000;
 
-void sleepUntil(int64_t deadlineNs) {
-    timespec ts{static_cast<time_t>(deadlineNs / 1'000'000'000),
-                static_cast<long>(deadlineNs % 1'000'000'000)};
-    while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &ts, nullptr) == EINTR) {
-    }
-}
-
 class Slice {
 public:
     explicit Slice(const std::string& name) { android::platform::traceBegin(name.c_str()); }
@@ -35,12 +27,14 @@ public:
 
 } // namespace
 
-Compositor::Compositor(std::vector<LayerRuntime*> layers, double refreshHz, const DeviceModel& device)
+Compositor::Compositor(std::vector<LayerRuntime*> layers, double refreshHz, const DeviceModel& device,
+                       bool virtualClock)
       : mLayers(std::move(layers)),
         mPeriodNs(static_cast<int64_t>(std::llround(1e9 / refreshHz))),
         mLatchOffsetNs(static_cast<int64_t>(std::llround(device.latchOffsetMsAt(refreshHz) * 1e6))),
         mPresentDelay(device.presentDelayVsyncs),
-        mRefreshHz(refreshHz) {}
+        mRefreshHz(refreshHz),
+        mLatchCostNs(virtualClock ? static_cast<int64_t>(std::llround(device.latchCostUs * 1e3)) : 0) {}
 
 Compositor::~Compositor() {
     stop();
@@ -48,7 +42,7 @@ Compositor::~Compositor() {
 
 void Compositor::start(int64_t startNs) {
     mStartNs.store(startNs);
-    mThread = std::thread([this] { run(); });
+    mThread.start("sim vsync", [this] { run(); });
 }
 
 void Compositor::stop() {
@@ -76,7 +70,7 @@ void Compositor::run() {
 
     int64_t next = mStartNs.load() + mPeriodNs;
     while (!mStop.load()) {
-        sleepUntil(next);
+        android::platform::sleepUntil(next);
         const int64_t woke = android::platform::now();
         mLatenessMs.push_back(static_cast<double>(woke - next) / 1e6);
         // Ticks slept through are signalled all the same; only the last one latches.
@@ -134,6 +128,7 @@ void Compositor::tick(int64_t tickNs, int64_t wokeNs) {
         if (oldest->desiredPresentNs > presentNs + kDueSlackNs) continue;  // not due yet
 
         Slice latch("latch " + layer->setup.label);
+        android::platform::sleepFor(mLatchCostNs);
         PresentRecord record;
         const int pending = layer->queue.latch(&record.frame, presentNs);
         if (record.frame.fenceFd >= 0) {

@@ -12,19 +12,22 @@
 #include <atomic>
 #include <cstdint>
 #include <set>
-#include <thread>
 #include <vector>
 
 #include "BufferQueue.h"
 #include "FrameTimeline.h"
 #include "LayerRuntime.h"
 #include "Scenario.h"
+#include "platform/Thread.h"
 
 namespace pelyx_sim {
 
 class Compositor {
 public:
-    Compositor(std::vector<LayerRuntime*> layers, double refreshHz, const DeviceModel& device);
+    // `virtualClock`: each latch costs the device's latch cost in (virtual) time; on real time
+    // the compositor's own code takes what it takes.
+    Compositor(std::vector<LayerRuntime*> layers, double refreshHz, const DeviceModel& device,
+               bool virtualClock);
     ~Compositor();
 
     int64_t periodNs() const { return mPeriodNs; }
@@ -56,13 +59,14 @@ private:
     const int64_t mLatchOffsetNs;
     const int mPresentDelay;
     const double mRefreshHz;
+    const int64_t mLatchCostNs;
     std::atomic<int64_t> mStartNs{0};
     std::atomic<bool> mStop{false};
     std::atomic<int64_t> mTicks{0};
     int64_t mMissed = 0;
     std::set<int64_t> mLateTicks;  // ticks overslept, or whose present had to move
     std::vector<double> mLatenessMs;
-    std::thread mThread;
+    android::platform::Thread mThread;
 };
 
 } // namespace pelyx_sim

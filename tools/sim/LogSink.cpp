@@ -1,7 +1,8 @@
 #include "LogSink.h"
 
 #include <android/log.h>
-#include <time.h>
+
+#include "platform/Clock.h"
 
 namespace pelyx_sim {
 namespace {
@@ -62,10 +63,10 @@ void LogSink::write(int priority, const char* tag, const char* message) {
         if (mWarningLines.size() < kKeptLines) mWarningLines.push_back(line);
     }
     if (mFile) {
-        timespec ts{};
-        clock_gettime(CLOCK_MONOTONIC, &ts);
-        fprintf(mFile, "%ld.%06ld %c %s\n", static_cast<long>(ts.tv_sec), ts.tv_nsec / 1000,
-                priorityLetter(priority), line.c_str());
+        // The run's clock: the virtual one makes the log the same from one run to the next.
+        const int64_t ns = android::platform::waitClockNow();
+        fprintf(mFile, "%lld.%06lld %c %s\n", static_cast<long long>(ns / 1'000'000'000),
+                static_cast<long long>(ns % 1'000'000'000 / 1000), priorityLetter(priority), line.c_str());
     }
 }
 

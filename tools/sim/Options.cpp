@@ -12,8 +12,9 @@ namespace pelyx_sim {
 
 const char* const kUsage = R"(usage: pelyx-sim [SCENARIO.json] [options]
 
-Plays a compositor, apps and the performance service against libpelyx.so in real time.
-Without SCENARIO.json the built-in scenario runs (about 10 s).
+Plays a compositor, apps and the performance service against libpelyx.so, on a virtual clock
+(deterministic: the same inputs give the same outputs) or in real time. Without SCENARIO.json
+the built-in scenario runs (10 simulated seconds).
 
 options:
   --duration S         run for S seconds (default: the scenario's; with --replay, until the
@@ -38,6 +39,11 @@ options:
   --jobs N             runs at a time for --sweep (default: the machine's cores)
   --compare            runs the scenario twice, library enabled then disabled (split into
                        the same phases), and prints the differences side by side
+  --clock virtual|real virtual (default): one thread runs at a time on a simulated clock, so a
+                       run is a function of its scenario, seed and options and takes a fraction
+                       of its simulated time; real: the host's clock and scheduler
+  --watchdog S         on the virtual clock, a thread that holds the turn S seconds of real
+                       time without reaching a wait ends the run with status 1 (default 10)
   --disable            runs with the library switched off
   --quiet              no progress line and no report
   --print-default      prints the built-in scenario and exits
@@ -137,6 +143,14 @@ Options parseOptions(const std::vector<std::string>& args) {
             const double jobs = parseNumber(arg, value());
             if (jobs < 1 || jobs > 64 || jobs != std::floor(jobs)) throw UsageError(arg + ": must be a whole number from 1 to 64");
             o.jobs = static_cast<int>(jobs);
+        } else if (arg == "--clock") {
+            const std::string clock = value();
+            if (clock != "virtual" && clock != "real") throw UsageError(arg + ": must be virtual or real");
+            o.realClock = clock == "real";
+        } else if (arg == "--watchdog") {
+            const double s = parseNumber(arg, value());
+            if (s <= 0 || s > 3600) throw UsageError(arg + ": must be above 0 and at most 3600");
+            o.watchdogS = s;
         } else if (arg == "--compare") {
             flag(o.compare);
         } else if (arg == "--disable") {
@@ -157,8 +171,8 @@ Options parseOptions(const std::vector<std::string>& args) {
     if (!o.sweepPath.empty() &&
         (o.compare || o.disable || !o.scenarioPath.empty() || !o.tracePath.empty() || !o.framesPath.empty() ||
          !o.logPath.empty() || !o.replays.empty() || !o.props.empty() || o.durationS || o.seed || o.refreshHz)) {
-        throw UsageError("--sweep takes its scenario and settings from the sweep file; only --jobs, --summary "
-                         "and --quiet go with it");
+        throw UsageError("--sweep takes its scenario and settings from the sweep file; only --jobs, --clock, "
+                         "--summary and --quiet go with it");
     }
     if (o.compare && (!o.tracePath.empty() || !o.logPath.empty())) {
         throw UsageError("--compare writes no trace or log file");
@@ -192,6 +206,8 @@ std::vector<std::string> scenarioArguments(const Options& o) {
     if (o.durationS) args.insert(args.end(), {"--duration", number(*o.durationS)});
     if (o.refreshHz) args.insert(args.end(), {"--refresh", number(*o.refreshHz)});
     if (o.seed) args.insert(args.end(), {"--seed", std::to_string(*o.seed)});
+    if (o.realClock) args.insert(args.end(), {"--clock", "real"});
+    if (o.watchdogS != 10.0) args.insert(args.end(), {"--watchdog", number(o.watchdogS)});
     for (const auto& [k, v] : o.props) args.insert(args.end(), {"--prop", k + "=" + v});
     for (const auto& [k, v] : o.replays) args.insert(args.end(), {"--replay", k + "=" + v});
     return args;

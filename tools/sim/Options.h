@@ -31,6 +31,8 @@ struct Options {
     std::string framesPath;
     std::string sweepPath;
     int jobs = 0;  // 0: the machine's cores
+    bool realClock = false;  // --clock real: the host's clock and scheduler
+    double watchdogS = 10.0;
     bool compare = false;
     bool disable = false;
     bool quiet = false;

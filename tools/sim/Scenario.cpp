@@ -318,6 +318,26 @@ DeviceModel parseDevice(Fields& f) {
         Fields c(*v, "compositor");
         d.latchOffsetMs = c.number("latch_offset_ms", d.latchOffsetMs, 0.0, 1000.0, true);
         d.presentDelayVsyncs = static_cast<int>(c.integer("present_delay_vsyncs", 1, 1, 8));
+        d.latchCostUs = c.number("latch_cost_us", d.latchCostUs, 0.0, 100000.0);
+        c.finish();
+    }
+    if (const Json::Value* v = f.get("scheduler")) {
+        Fields c(*v, "scheduler");
+        // A number is a fixed latency; an object a spread.
+        if (const Json::Value* w = c.get("wakeup_us")) {
+            if (w->isObject()) {
+                Fields spread(*w, "scheduler.wakeup_us");
+                d.wakeupMedianUs = spread.number("median", d.wakeupMedianUs, 0.0, 100000.0);
+                d.wakeupP99Us = spread.number("p99", d.wakeupP99Us, 0.0, 100000.0);
+                spread.finish();
+                if (d.wakeupP99Us < d.wakeupMedianUs) {
+                    throw ScenarioError("scheduler.wakeup_us.p99", "must be at least the median");
+                }
+            } else {
+                d.wakeupMedianUs = Fields::checkNumber(*w, "scheduler.wakeup_us", 0.0, 100000.0, false);
+                d.wakeupP99Us = d.wakeupMedianUs;
+            }
+        }
         c.finish();
     }
     return d;

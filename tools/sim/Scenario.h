@@ -132,6 +132,12 @@ struct DeviceModel {
     double cpuRampMs = 5.0;
     double latchOffsetMs = -1.0;  // negative: half the display's period
     int presentDelayVsyncs = 1;
+    // On the virtual clock only, where code takes no time: the compositor's work for each layer
+    // it latches, and the scheduler's wake-up latency on every wake-up of every thread (a
+    // log-normal with this median and 99th percentile; a median of 0 turns it off).
+    double latchCostUs = 150.0;
+    double wakeupMedianUs = 60.0;
+    double wakeupP99Us = 400.0;
 
     double latchOffsetMsAt(double refreshHz) const {
         return latchOffsetMs >= 0 ? latchOffsetMs : 500.0 / refreshHz;

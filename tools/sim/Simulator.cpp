@@ -5,11 +5,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <memory>
 #include <stdexcept>
-#include <thread>
+#include <random>
 
 #include "App.h"
 #include "Compositor.h"
@@ -43,7 +44,26 @@ bool isTrue(const std::string& value) {
 }
 
 void sleepNs(int64_t ns) {
-    if (ns > 0) std::this_thread::sleep_for(std::chrono::nanoseconds(ns));
+    android::platform::sleepFor(ns);
+}
+
+// From here on every thread of the run takes its turn on the virtual clock. The wake-up latency
+// is log-normal: the median and the 99th percentile fix its two parameters.
+void startVirtualClock(const Scenario& scenario, double watchdogS) {
+    android::platform::host::VirtualTimeOptions options;
+    options.seed = scenario.seed;
+    options.watchdogS = watchdogS;
+    const DeviceModel& d = scenario.device;
+    if (d.wakeupMedianUs > 0) {
+        constexpr double kZ99 = 2.3263478740408408;
+        const double mu = std::log(d.wakeupMedianUs * 1e3);
+        const double sigma = std::log(d.wakeupP99Us / d.wakeupMedianUs) / kZ99;
+        options.wakeupLatencyNs = [mu, sigma](std::mt19937_64& random) {
+            std::normal_distribution<double> normal(0.0, 1.0);
+            return static_cast<int64_t>(std::llround(std::exp(mu + sigma * normal(random))));
+        };
+    }
+    android::platform::host::startVirtualTime(std::move(options));
 }
 
 // The objects of one run. Left alive on purpose (leaked) when an app thread never returns from
@@ -286,7 +306,10 @@ void writeFrames(const std::string& path, const Session& session, int64_t runSta
 } // namespace
 
 RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
+    const auto wallStart = std::chrono::steady_clock::now();
+    if (settings.virtualClock) startVirtualClock(scenario, settings.watchdogS);
     RunResult result;
+    result.virtualClock = settings.virtualClock;
     result.scenario = scenario.name;
     result.width = scenario.width;
     result.height = scenario.height;
@@ -339,7 +362,8 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
         session->layers.push_back(std::make_unique<LayerRuntime>(
                 *setups[i], scenario.appOf(*setups[i]), static_cast<int>(i), scenario.seed));
     }
-    session->compositor = std::make_unique<Compositor>(session->layerPointers(), scenario.refreshHz, device);
+    session->compositor = std::make_unique<Compositor>(session->layerPointers(), scenario.refreshHz, device,
+                                                       settings.virtualClock);
     pelyxSetVsyncPeriod(session->compositor->periodNs());
 
     const int64_t runStart = now();
@@ -444,6 +468,7 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
 
     if (!settings.framesPath.empty()) writeFrames(settings.framesPath, *session, runStart, device.gpuBaseMhz);
 
+    result.wallS = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
     if (hung) {
         (void)session.release();  // a thread still inside the library uses it
     } else {

@@ -1,11 +1,11 @@
 #pragma once
 
-// One run of a scenario against libpelyx.so in real time. The calling thread is the main
-// thread: it prepares the stand-in service, the properties and the fake devices, starts the
+// One run of a scenario against libpelyx.so, on the virtual clock or in real time. The calling
+// thread is the main thread: it prepares the stand-in service, the properties and the fake devices, starts the
 // library, the compositor, one render thread per layer and the timeline thread, prints the
 // progress line while they run, stops them in order (apps first, with vsync still running so
 // that held queue calls return), and gathers the result. One run per process: the library's
-// singletons live as long as the process.
+// singletons live as long as the process, and so does the virtual clock once started.
 
 #include <optional>
 #include <string>
@@ -18,6 +18,8 @@ namespace pelyx_sim {
 
 struct RunSettings {
     bool libraryEnabled = true;  // false: the library's switches are turned off
+    bool virtualClock = true;    // false: the host's clock and scheduler
+    double watchdogS = 10.0;     // virtual clock: real seconds a thread may hold the turn
     bool progress = true;        // the progress line on stderr
     std::string tracePath;
     std::string logPath;

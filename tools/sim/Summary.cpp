@@ -147,7 +147,10 @@ Json::Value toJson(const RunResult& r) {
     root["schema"] = kSummarySchema;
     root["scenario"] = r.scenario;
     root["library_enabled"] = r.libraryEnabled;
+    root["clock"] = r.virtualClock ? "virtual" : "real";
     root["duration_s"] = number(r.durationS);
+    // From the host, unlike everything else on the virtual clock: not the same from run to run.
+    root["wall_s"] = number(r.wallS);
     Json::Value display(Json::objectValue);
     display["width"] = r.width;
     display["height"] = r.height;
@@ -360,7 +363,8 @@ void printReport(const Json::Value& s, std::ostream& out) {
     out << "pelyx-sim: scenario \"" << s["scenario"].asString() << "\", "
         << fmt("%.1f", s["duration_s"].asDouble()) << " s at " << fmt("%g", d["refresh_hz"].asDouble())
         << " Hz (" << d["width"].asInt() << "x" << d["height"].asInt() << "), library "
-        << (s["library_enabled"].asBool() ? "enabled" : "disabled") << "\n\n";
+        << (s["library_enabled"].asBool() ? "enabled" : "disabled") << ", " << s["clock"].asString()
+        << " clock (" << fmt("%.2f", s["wall_s"].asDouble()) << " s of wall time)\n\n";
 
     out << pad("layer", 10) << pad("promoted", 9) << pad("mode", 5) << pad("queued", 7)
         << pad("shown", 7) << pad("fps", 6) << pad("late/vsyncs", 12) << pad("holds n/p50/p99 ms", 20)

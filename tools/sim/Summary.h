@@ -87,7 +87,9 @@ struct TraceResult {
 struct RunResult {
     std::string scenario;
     bool libraryEnabled = false;
-    double durationS = 0;
+    bool virtualClock = true;
+    double durationS = 0;  // simulated
+    double wallS = 0;      // the host's time for the run
     int32_t width = 0;
     int32_t height = 0;
     double refreshHz = 0;

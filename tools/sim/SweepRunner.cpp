@@ -75,8 +75,8 @@ struct Job {
 
 class Runner {
 public:
-    Runner(std::string executable, const SweepSpec& plan, int jobs)
-          : mExecutable(std::move(executable)), mPlan(plan), mJobs(std::max(1, jobs)) {}
+    Runner(std::string executable, const SweepSpec& plan, int jobs, bool realClock)
+          : mExecutable(std::move(executable)), mPlan(plan), mJobs(std::max(1, jobs)), mRealClock(realClock) {}
 
     // Plays every job, `mJobs` at a time, with a progress line on stderr.
     void run(std::vector<Job>* jobs, const std::string& what) {
@@ -119,6 +119,7 @@ private:
         }
         for (const auto& [layer, file] : mPlan.replays) args.insert(args.end(), {"--replay", layer + "=" + file});
         if (job.disabled) args.push_back("--disable");
+        if (mRealClock) args.insert(args.end(), {"--clock", "real"});
         std::vector<char*> argv;
         for (std::string& a : args) argv.push_back(a.data());
         argv.push_back(nullptr);
@@ -149,6 +150,7 @@ private:
     const std::string mExecutable;
     const SweepSpec& mPlan;
     const int mJobs;
+    const bool mRealClock;
 };
 
 std::string resolve(const std::string& path, const std::string& sweepFile) {
@@ -220,7 +222,7 @@ int sweep(const Options& options, const std::string& executable) {
     }
     const int parallel = options.jobs > 0 ? options.jobs : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
     fprintf(stderr, "pelyx-sim: sweep of %zu settings, %d at a time (runs in %s)\n", jobs.size(), parallel, dir.c_str());
-    Runner runner(executable, plan, parallel);
+    Runner runner(executable, plan, parallel, options.realClock);
     runner.run(&jobs, "sweep");
 
     std::vector<SweepRun> runs(jobs.size());
@@ -265,7 +267,8 @@ int sweep(const Options& options, const std::string& executable) {
     }
     // One at a time, as a run to reproduce the best setting will be played: runs side by side
     // on a small machine disturb each other's timing a little.
-    Runner(executable, plan, 1).run(&again, "re-runs, one at a time");
+    // On real time the re-runs go one at a time, so that no run slows another.
+    Runner(executable, plan, options.realClock ? 1 : parallel, options.realClock).run(&again, "re-runs");
     std::vector<SweepMetrics> bestMetrics{runs[best].metrics}, baseMetrics;
     for (const Job& job : again) {
         if (!job.ok) throw SweepFailure(kExitFailed, "a re-run failed: " + job.error);

@@ -28,7 +28,7 @@ Timeline::~Timeline() {
 }
 
 void Timeline::start() {
-    mThread = std::thread([this] { run(); });
+    mThread.start("sim timeline", [this] { run(); });
 }
 
 void Timeline::stop() {

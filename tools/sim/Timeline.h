@@ -7,13 +7,13 @@
 
 #include <atomic>
 #include <cstdint>
-#include <thread>
 #include <vector>
 
 #include "BufferQueue.h"
 #include "LayerRuntime.h"
 #include "Scenario.h"
 #include "TimelinePlan.h"
+#include "platform/Thread.h"
 
 namespace pelyx_sim {
 
@@ -48,7 +48,7 @@ private:
     ServiceConfig mConfig;
     int mDelivered = 0;
     int mRefused = 0;
-    std::thread mThread;
+    android::platform::Thread mThread;
 };
 
 } // namespace pelyx_sim

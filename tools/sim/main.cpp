@@ -1,5 +1,6 @@
-// pelyx-sim: plays a compositor, apps and the performance service against libpelyx.so in real
-// time, through the library's exported functions only. See kUsage and the README.
+// pelyx-sim: plays a compositor, apps and the performance service against libpelyx.so, on a
+// virtual clock or in real time, through the library's exported functions only. See kUsage and
+// the README.
 
 #include <json/json.h>
 #include <spawn.h>
@@ -177,6 +178,8 @@ int run(const std::vector<std::string>& args) {
     settings.framesPath = options.framesPath;
     settings.untilReplaysEnd = !options.replays.empty() && !options.durationS;
     settings.phaseSplitS = options.phaseSplitS;
+    settings.virtualClock = !options.realClock;
+    settings.watchdogS = options.watchdogS;
     RunResult result;
     try {
         result = runScenario(scenario, settings);

@@ -2,7 +2,14 @@
 
 #include <system_error>
 
+#include "platform/Threads.h"
+#include "platform/common/Kernel.h"
+
 namespace android::platform {
+
+void setLoopThreadPriority(const char* logTag) {
+    kernel::setLoopThreadPriority(logTag);
+}
 
 bool Thread::start(const char* /*name*/, std::function<void()> body) {
     try {

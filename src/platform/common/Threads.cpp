@@ -10,11 +10,12 @@
 
 #include "platform/Threads.h"
 #include "platform/Trace.h"
+#include "platform/common/Kernel.h"
 
 namespace android::platform {
 
 // Without the privilege both calls fail and the thread runs on unboosted.
-void setLoopThreadPriority(const char* logTag) {
+void kernel::setLoopThreadPriority(const char* logTag) {
     if (setpriority(PRIO_PROCESS, 0, -8) != 0) {
         __android_log_print(ANDROID_LOG_ERROR, logTag, "setpriority(-8) failed: %s",
                             strerror(errno));

@@ -2,9 +2,17 @@
 
 #include <system_error>
 
+#include "platform/Threads.h"
+#include "platform/common/Kernel.h"
 #include "platform/host/VirtualTime.h"
 
 namespace android::platform {
+
+void setLoopThreadPriority(const char* logTag) {
+    // On the virtual clock the turn order is the only priority there is; asking the kernel would
+    // only make the log depend on who runs the simulator.
+    if (host::VirtualTime::active() == nullptr) kernel::setLoopThreadPriority(logTag);
+}
 
 bool Thread::start(const char* name, std::function<void()> body) {
     host::VirtualTime* time = host::VirtualTime::active();
