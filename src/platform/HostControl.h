@@ -28,6 +28,9 @@ struct VirtualTimeOptions {
     // A thread that holds the turn this long in real time without reaching a wait ends the
     // process with status 1 and a line naming it; 0: never.
     double watchdogS = 10.0;
+    // Up to this many microseconds of real time, at random, at each thread's start and each
+    // turn it takes: disturbs the host's timing, which must change nothing of a run.
+    int64_t realJitterUs = 0;
 };
 void startVirtualTime(VirtualTimeOptions options);
 bool virtualTimeRunning();

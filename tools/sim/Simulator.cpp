@@ -8,6 +8,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <stdexcept>
 #include <random>
@@ -53,6 +54,8 @@ void startVirtualClock(const Scenario& scenario, double watchdogS) {
     android::platform::host::VirtualTimeOptions options;
     options.seed = scenario.seed;
     options.watchdogS = watchdogS;
+    // For the determinism test: the host's timing disturbed at random.
+    if (const char* jitter = getenv("PELYX_SIM_REAL_JITTER_US")) options.realJitterUs = atoll(jitter);
     const DeviceModel& d = scenario.device;
     if (d.wakeupMedianUs > 0) {
         constexpr double kZ99 = 2.3263478740408408;

@@ -7,11 +7,18 @@
 #include <chrono>
 #include <cstdio>
 #include <fstream>
+#include <random>
 
 namespace android::platform::host {
 namespace {
 
 std::atomic<VirtualTime*> gActive{nullptr};
+
+void jitter(int64_t maxUs) {
+    if (maxUs <= 0) return;
+    thread_local std::minstd_rand random(std::random_device{}());
+    std::this_thread::sleep_for(std::chrono::microseconds(random() % (maxUs + 1)));
+}
 thread_local VirtualTime::Participant* tSelf = nullptr;
 
 std::string firstLineOf(const std::string& path) {
@@ -144,7 +151,10 @@ bool VirtualTime::wait(const void* key, int64_t deadline, const char* what) {
     mRunning = nullptr;
     dispatchLocked();
     blockUntilTurnLocked(lock, *self);
-    return !self->timedOut;
+    const bool signalled = !self->timedOut;
+    lock.unlock();
+    jitter(mOptions.realJitterUs);
+    return signalled;
 }
 
 void VirtualTime::notify(const void* key, bool all) {
@@ -200,6 +210,7 @@ void VirtualTime::abandon(Participant* participant) {
 }
 
 void VirtualTime::enter(Participant* participant) {
+    jitter(mOptions.realJitterUs);
     tSelf = participant;
     std::unique_lock<std::mutex> lock(mMutex);
     participant->tid = syscall(SYS_gettid);

@@ -1,14 +1,11 @@
-// Held queue threads on the real clock. A one-second period keeps the intended release points far
-// from the time-outs; each check holds on a loaded machine.
+// Held queue threads and the release worker on the virtual clock, where a hold lasts exactly as
+// long as it should. A one-second period keeps the intended release points far from the time-outs.
 
 #include <gtest/gtest.h>
-#include <utils/Timers.h>
-
-#include <chrono>
-#include <thread>
 
 #include "phr/PHRMonitor.h"
 #include "platform/Clock.h"
+#include "platform/HostControl.h"
 
 using namespace android;
 
@@ -17,13 +14,10 @@ namespace {
 constexpr int64_t kMs = 1'000'000;
 constexpr int64_t kP = 1'000 * kMs; // 1 fps: base 800 ms, release 200 ms after a vsync
 
-int64_t realNow() {
-    return systemTime(SYSTEM_TIME_MONOTONIC);
-}
-
-class PhrRealtimeTest : public testing::Test {
+class PhrTimingTest : public testing::Test {
 protected:
     void SetUp() override {
+        platform::host::startVirtualTime({});
         m = PHRMonitor::getInstance();
         ASSERT_TRUE(m->init());
         m->setVsyncInfo(kP, 1);
@@ -39,35 +33,41 @@ protected:
 
 } // namespace
 
-TEST_F(PhrRealtimeTest, ABufferQueuedInTheVsyncKeepsTheWorkerFromReleasing) {
-    m->onVsync(realNow());
+TEST_F(PhrTimingTest, TheWorkerReleasesAtItsPointUnlessABufferWasQueuedInTheVsync) {
+    m->onVsync(platform::now());
+    platform::sleepFor(200 * kMs - 1);
+    EXPECT_FALSE(state->mReleasedByTimer.load()) << "not a nanosecond early";
+    platform::sleepFor(1);
+    platform::sleepFor(1);
+    EXPECT_TRUE(state->mReleasedByTimer.load());
+
+    state->mReleasedByTimer.store(false);
+    m->onVsync(platform::now());
     m->onBufferIncrement(1, kP, platform::now(), true); // instant: queued, never held
-    std::this_thread::sleep_for(std::chrono::milliseconds(400)); // past the release point
+    platform::sleepFor(400 * kMs);
     EXPECT_FALSE(state->mReleasedByTimer.load());
 }
 
-TEST_F(PhrRealtimeTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
+TEST_F(PhrTimingTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
     // Times well ahead, so that no jank lies within a second of the queue: a latch 1.4 s ahead
     // with a buffer still queued, then a buffer stamped 2.5 s ahead. Its headroom is 0.9 s, so
-    // the hold waits 0.1 s; it is then still about 2.5 s early and waits up to a period more.
+    // the hold waits 0.1 s; it is then still 2.4 s early and waits a period more.
     const int64_t now = platform::now();
     m->onBufferDecrement(1, 1, now + 1'400 * kMs);
-    const int64_t start = realNow();
     m->onBufferIncrement(1, kP, now + 2'500 * kMs, false);
-    EXPECT_GE((realNow() - start) / kMs, 1'000);
+    EXPECT_EQ(platform::now() - now, 1'100 * kMs);
 }
 
 TEST(PhrWorkerStart, AVsyncRightAfterInitIsNotLost) {
+    platform::host::startVirtualTime({});
     PHRMonitor* m = PHRMonitor::getInstance();
     m->setVsyncInfo(kP, 1);
     m->registerLayer(1, "game", 0.8f, 0.8f);
     m->setQuickTouchStatus(1, true);
     sp<LayerPHRState> state = m->getLayerState(1);
     ASSERT_TRUE(m->init());
-    m->onVsync(realNow()); // before the worker has had a chance to run
+    m->onVsync(platform::now()); // before the worker has had a chance to run
     // Its release point comes 200 ms later; nothing is queued, so the worker marks it passed.
-    for (int i = 0; i < 200 && !state->mReleasedByTimer.load(); i++) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    platform::sleepFor(200 * kMs + 1);
     EXPECT_TRUE(state->mReleasedByTimer.load());
 }
