@@ -34,6 +34,8 @@ struct VirtualTimeOptions {
 };
 void startVirtualTime(VirtualTimeOptions options);
 bool virtualTimeRunning();
+// Turns handed from one thread to another so far (0 on real time).
+uint64_t virtualTimeHandoffs();
 
 // Identity reported by getCallingPid/getCallingUid on the calling thread until cleared.
 void setCallingIdentity(pid_t pid, uid_t uid);

@@ -472,6 +472,7 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     if (!settings.framesPath.empty()) writeFrames(settings.framesPath, *session, runStart, device.gpuBaseMhz);
 
     result.wallS = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
+    result.handoffs = android::platform::host::virtualTimeHandoffs();
     if (hung) {
         (void)session.release();  // a thread still inside the library uses it
     } else {

@@ -151,6 +151,7 @@ Json::Value toJson(const RunResult& r) {
     root["duration_s"] = number(r.durationS);
     // From the host, unlike everything else on the virtual clock: not the same from run to run.
     root["wall_s"] = number(r.wallS);
+    if (r.virtualClock) root["handoffs"] = static_cast<Json::UInt64>(r.handoffs);
     Json::Value display(Json::objectValue);
     display["width"] = r.width;
     display["height"] = r.height;

@@ -90,6 +90,7 @@ struct RunResult {
     bool virtualClock = true;
     double durationS = 0;  // simulated
     double wallS = 0;      // the host's time for the run
+    uint64_t handoffs = 0;  // virtual clock: turns passed from one thread to another
     int32_t width = 0;
     int32_t height = 0;
     double refreshHz = 0;

@@ -127,8 +127,10 @@ void VirtualTime::dispatchLocked() {
         }
         if (ready->readyAt > mNow) mNow = ready->readyAt;
         ready->state = Participant::State::kRunning;
+        if (ready != mLastRunning) ++mHandoffs;
+        ++mTurns;
         mRunning = ready;
-        ++mHandoffs;
+        mLastRunning = ready;
         ready->turn.notify_one();
         return;
     }
@@ -244,6 +246,11 @@ void VirtualTime::awaitExit(std::thread::id id) {
     }
 }
 
+uint64_t VirtualTime::handoffs() {
+    std::lock_guard<std::mutex> lock(mMutex);
+    return mHandoffs;
+}
+
 int VirtualTime::currentNumber() {
     return tSelf ? tSelf->number : 0;
 }
@@ -258,8 +265,8 @@ void VirtualTime::watchdog() {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         std::unique_lock<std::mutex> lock(mMutex);
         const auto realNow = std::chrono::steady_clock::now();
-        if (mHandoffs != seen || mRunning == nullptr) {
-            seen = mHandoffs;
+        if (mTurns != seen || mRunning == nullptr) {
+            seen = mTurns;
             since = realNow;
             continue;
         }
@@ -286,6 +293,11 @@ void startVirtualTime(VirtualTimeOptions options) {
 
 bool virtualTimeRunning() {
     return VirtualTime::active() != nullptr;
+}
+
+uint64_t virtualTimeHandoffs() {
+    VirtualTime* time = VirtualTime::active();
+    return time ? time->handoffs() : 0;
 }
 
 } // namespace android::platform::host

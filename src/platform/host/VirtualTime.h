@@ -60,6 +60,7 @@ public:
 
     // 1 + the calling participant's registration order; 0 for any other thread.
     int currentNumber();
+    uint64_t handoffs();
 
 private:
     explicit VirtualTime(VirtualTimeOptions options);
@@ -75,8 +76,10 @@ private:
     std::mutex mMutex;
     int64_t mNow;
     uint64_t mWaitSeq = 0;
-    uint64_t mHandoffs = 0;
+    uint64_t mTurns = 0;     // every dispatch, for the watchdog
+    uint64_t mHandoffs = 0;  // those that moved the turn to another thread
     Participant* mRunning = nullptr;
+    Participant* mLastRunning = nullptr;
     std::vector<std::unique_ptr<Participant>> mParticipants;  // registration order; never shrinks
 };
 
