@@ -5,7 +5,6 @@
 #include <log/log.h>
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -149,23 +148,40 @@ sp<LayerInfo> LayerManager::getLayer(int32_t id) {
     return it == mLayers.end() ? nullptr : it->second;
 }
 
-sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id, int32_t pid,
+sp<LayerInfo> LayerManager::getOrCreateLayer(std::string_view name, int32_t id, int32_t pid,
                                              int32_t uid, int64_t now) {
-    // An app chooses its layer names, and classifying a long one takes milliseconds: the
-    // expression runs before the registry lock, for an id that is not a candidate yet.
+    // Whatever reads the name (classification, the promoted layer's copy and scene tag) runs
+    // before the registry lock: an app's choice of name must not make other compositor threads
+    // wait. The lock is taken twice; what changed in between is settled under the second.
     bool classify = false;
+    std::string candidatePackage;
     {
         Mutex::Autolock lock(mLock);
         auto it = mLayers.find(id);
         if (it != mLayers.end()) return it->second;
-        classify = mCandidates.count(id) == 0 && !mCandidateLimitReached;
+        auto candidate = mCandidates.find(id);
+        if (candidate == mCandidates.end()) {
+            classify = !mCandidateLimitReached;
+        } else if (now - candidate->second.firstTime >= kPromotionWindowNs &&
+                   !mActiveLimitReached) {
+            // Its window is long enough: this frame may promote it (or restart the window,
+            // at most once per half second, and the preparation is wasted).
+            candidatePackage = candidate->second.packageName;
+        }
     }
+    PerfProxy* perf = PerfProxy::getInstance();
     std::string classified;
-    if (classify) classified = PerfProxy::getInstance()->getPackageName(name);
+    if (classify) classified = perf->getPackageName(name);
+    sp<LayerInfo> prepared;
+    if (!candidatePackage.empty()) {
+        prepared = new LayerInfo(id, std::string(name), candidatePackage, pid, uid);
+        prepared->mSceneTag = perf->getLayerSceneTag(candidatePackage, name);
+    }
 
     bool cleanupLayers = false;
     bool cleanupCands = false;
     sp<LayerInfo> promoted;
+    std::string cachedPackage;
     {
         Mutex::Autolock lock(mLock);
         auto candidate = mCandidates.find(id);
@@ -173,14 +189,17 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
             if (!candidate->second.updateAndCheckPromotion(now) || mActiveLimitReached) {
                 return nullptr;
             }
-            PerfProxy* perf = PerfProxy::getInstance();
-            promoted = new LayerInfo(id, name, candidate->second.packageName, pid, uid);
-            promoted->mSceneTag = perf->getLayerSceneTag(promoted->mPackageName, name);
+            // Rarely unprepared (the candidate was replaced or the limit cleared meanwhile):
+            // the name is bounded, so preparing it here costs microseconds at most.
+            if (!prepared || prepared->mPackageName != candidate->second.packageName) {
+                prepared = new LayerInfo(id, std::string(name), candidate->second.packageName,
+                                         pid, uid);
+                prepared->mSceneTag = perf->getLayerSceneTag(prepared->mPackageName, name);
+            }
+            promoted = std::move(prepared);
             mLayers.emplace(id, promoted);
             mCandidates.erase(candidate);
             mTrackedLayerCount.fetch_add(1);
-            PerfProxy::XLOGD(LOG_TAG, "Add new layer to full tracking: [%s] layer %d, pid %d, uid %d",
-                             name.c_str(), id, pid, uid);
             cleanupLayers = mLayers.size() > kMaxTrackedLayers;
         } else {
             // Not classified: the id was a candidate a moment ago and has just been dropped
@@ -192,8 +211,7 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
                 if (app != mAppInfoMap.end()) {
                     packageName = app->second.packageName;
                     app->second.lastSeenTime = now;
-                    PerfProxy::XLOGD(LOG_TAG, "Layer [%s] get pkg from AppInfo cache (uid=%d): %s",
-                                     name.c_str(), uid, packageName.c_str());
+                    cachedPackage = packageName;
                 }
             }
             // Layers without a package are never tracked.
@@ -207,8 +225,19 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
             fresh.packageName = std::move(packageName);
             fresh.updateAndCheckPromotion(now);
             mCandidates.emplace(id, std::move(fresh));
-            PerfProxy::XLOGD(LOG_TAG, "Add new candidate layer: %d [%s]", id, name.c_str());
         }
+    }
+    const int shownLength = static_cast<int>(name.size());
+    if (promoted) {
+        PerfProxy::XLOGD(LOG_TAG, "Add new layer to full tracking: [%.*s] layer %d, pid %d, uid %d",
+                         shownLength, name.data(), id, pid, uid);
+    } else {
+        if (!cachedPackage.empty()) {
+            PerfProxy::XLOGD(LOG_TAG, "Layer [%.*s] get pkg from AppInfo cache (uid=%d): %s",
+                             shownLength, name.data(), uid, cachedPackage.c_str());
+        }
+        PerfProxy::XLOGD(LOG_TAG, "Add new candidate layer: %d [%.*s]", id, shownLength,
+                         name.data());
     }
     if (cleanupCands) cleanupCandidates(now);
     if (promoted) {
@@ -221,7 +250,7 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
 void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, int32_t uid,
                                      int64_t timestamp, bool flag, uint32_t value) {
     if (id < 1 || !mTrackingEnabled.load()) return;
-    if (!name) name = "";
+    const std::string_view shortName = PerfProxy::layerNameView(name);
     const int64_t now = platform::now();
     QueuedFrame frame;
     {
@@ -230,12 +259,12 @@ void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, 
         auto it = mLayers.find(id);
         if (it != mLayers.end()) {
             frame = onQueueLocked(it->second, now, flag);
-        } else if (isKnownPackagelessLocked(id, name, uid)) {
+        } else if (isKnownPackagelessLocked(id, shortName, uid)) {
             return;
         }
     }
     if (!frame.layer) {
-        sp<LayerInfo> layer = getOrCreateLayer(name, id, pid, uid, timestamp);
+        sp<LayerInfo> layer = getOrCreateLayer(shortName, id, pid, uid, timestamp);
         if (!layer) return;
         Mutex::Autolock lock(mLock);
         frame = onQueueLocked(layer, now, flag);
@@ -352,13 +381,13 @@ void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendi
     }
 }
 
-bool LayerManager::isKnownPackagelessLocked(int32_t id, const char* name, int32_t uid) {
+bool LayerManager::isKnownPackagelessLocked(int32_t id, std::string_view name, int32_t uid) {
     auto it = mPackageless.find(id);
     if (it == mPackageless.end()) return false;
     const PackagelessName& known = it->second;
-    const size_t n = known.prefix.size();
-    const bool sameName = strncmp(name, known.prefix.c_str(), n) == 0 &&
-            (n == kPackagelessPrefix || name[n] == '\0');
+    const bool sameName = known.prefix.size() == kPackagelessPrefix
+            ? name.substr(0, kPackagelessPrefix) == known.prefix
+            : name == known.prefix;
     // A classified app of this uid can lend the layer its package now.
     const bool appKnown = uid >= 1 && mAppInfoMap.count(uid) > 0;
     if (sameName && known.uid == uid && !appKnown) return true;
@@ -366,11 +395,11 @@ bool LayerManager::isKnownPackagelessLocked(int32_t id, const char* name, int32_
     return false;
 }
 
-void LayerManager::rememberPackagelessLocked(int32_t id, const std::string& name, int32_t uid) {
+void LayerManager::rememberPackagelessLocked(int32_t id, std::string_view name, int32_t uid) {
     if (mPackageless.size() >= kMaxPackageless && mPackageless.count(id) == 0) {
         mPackageless.clear(); // bounded; a forgotten name is just examined once more
     }
-    mPackageless[id] = PackagelessName{name.substr(0, kPackagelessPrefix), uid};
+    mPackageless[id] = PackagelessName{std::string(name.substr(0, kPackagelessPrefix)), uid};
 }
 
 void LayerManager::onVsync(int64_t now) {
@@ -641,6 +670,7 @@ std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id
     LayerStatus status;
     status.id = layer.mId;
     status.packageName = layer.mPackageName;
+    status.sceneTag = layer.mSceneTag;
     status.uid = layer.mUid;
     status.active = layer.mActive;
     status.focused = layer.mFocused;
