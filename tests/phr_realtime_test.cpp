@@ -2,8 +2,11 @@
 // from the time-outs; each check holds on a loaded machine.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
 #include <utils/Timers.h>
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -70,4 +73,28 @@ TEST(PhrWorkerStart, AVsyncRightAfterInitIsNotLost) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     EXPECT_TRUE(state->mReleasedByTimer.load());
+}
+
+// A signal ends the pacing sleep for good. The sleeper is signalled until it returns, so the
+// signal that first lands inside the sleep ends it; a resumed sleep would run its 4 s.
+TEST(TargetFpsSleep, AnInterruptedSleepIsNotResumed) {
+    struct sigaction quiet {};
+    quiet.sa_handler = [](int) {};
+    struct sigaction previous {};
+    ASSERT_EQ(sigaction(SIGUSR2, &quiet, &previous), 0);
+    sp<LayerPHRState> state = new LayerPHRState(1, "game");
+    std::atomic<bool> done{false};
+    std::thread sleeper([&] {
+        state->sleepFor(4'000 * kMs);
+        done = true;
+    });
+    const auto start = std::chrono::steady_clock::now();
+    while (!done && std::chrono::steady_clock::now() - start < std::chrono::seconds(2)) {
+        pthread_kill(sleeper.native_handle(), SIGUSR2);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    const bool early = done;
+    sleeper.join();
+    sigaction(SIGUSR2, &previous, nullptr);
+    EXPECT_TRUE(early) << "the sleep went on after the signal";
 }
