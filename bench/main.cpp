@@ -86,25 +86,32 @@ void printSummary(const CollectingReporter& r) {
            "tracked", "cleanup", "worst", "lock");
     double worstCall = 0;
     double worstLock = 0;
-    for (const char* mib : {"1", "16"}) {
-        const char* const shapes[] = {"no package", "SurfaceView[pkg/...#1", "pkg/...#1"};
-        for (int shape = 0; shape < 3; shape++) {
+    double worstPreempted = 0;
+    double preempted = 0;
+    for (const char* mib : {"1", "16", "0"}) {
+        const char* const shapes[] = {"no package", "SurfaceView[pkg/...#1", "pkg/...#1",
+                                      "control: pkg/pkg.Main#1"};
+        for (int shape = 0; shape < 4; shape++) {
             const auto h = r.find(std::string("BM_HotPath_HostileName/MiB:") + mib +
                                   "/shape:" + std::to_string(shape));
             if (!h) continue;
             const auto& c = h->counters;
-            const std::string label = std::string(mib) + " MiB " + shapes[shape];
+            const std::string label =
+                    shape == 3 ? shapes[shape] : std::string(mib) + " MiB " + shapes[shape];
             printf("  %-26s %9.1f %9.1f %9.1f %9.1f %9.1f %9.1f %9.1f%s\n", label.c_str(),
                    c.at("first_sight_us"), c.at("candidate_us"), c.at("promotion_us"),
                    c.at("tracked_us"), c.at("cleanup_us"), c.at("worst_call_us"),
                    c.at("lock_wait_us"), c.at("features_on") > 0 ? "  (monitors on)" : "");
             worstCall = std::max(worstCall, c.at("worst_call_us"));
+            worstPreempted = std::max(worstPreempted, c.at("worst_preempted_us"));
+            preempted += c.at("preempted_calls");
             worstLock = std::max(worstLock, c.at("lock_wait_us"));
         }
     }
     if (worstCall > 0) {
-        printf("  worst exported call %.1f us (goal < 1000); worst registry-lock wait %.1f us\n",
-               worstCall, worstLock);
+        printf("  worst exported call %.1f us (goal < 1000); worst registry-lock wait %.1f us\n"
+               "  (%.0f calls preempted by the kernel left out, the longest %.1f us)\n",
+               worstCall, worstLock, preempted, worstPreempted);
     }
 
     printf("\nTimer queue vs Looper: schedule + cancel (ns)\n");
