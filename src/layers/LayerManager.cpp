@@ -5,6 +5,7 @@
 #include <log/log.h>
 
 #include <algorithm>
+#include <cstring>
 #include <mutex>
 #include <vector>
 
@@ -250,7 +251,7 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(std::string_view name, int32_t id, 
 void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, int32_t uid,
                                      int64_t timestamp, bool flag, uint32_t value) {
     if (id < 1 || !mTrackingEnabled.load()) return;
-    const std::string_view shortName = PerfProxy::layerNameView(name);
+    if (!name) name = "";
     const int64_t now = platform::now();
     QueuedFrame frame;
     {
@@ -259,12 +260,13 @@ void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, 
         auto it = mLayers.find(id);
         if (it != mLayers.end()) {
             frame = onQueueLocked(it->second, now, flag);
-        } else if (isKnownPackagelessLocked(id, shortName, uid)) {
+        } else if (isKnownPackagelessLocked(id, name, uid)) {
             return;
         }
     }
     if (!frame.layer) {
-        sp<LayerInfo> layer = getOrCreateLayer(shortName, id, pid, uid, timestamp);
+        sp<LayerInfo> layer =
+                getOrCreateLayer(PerfProxy::layerNameView(name), id, pid, uid, timestamp);
         if (!layer) return;
         Mutex::Autolock lock(mLock);
         frame = onQueueLocked(layer, now, flag);
@@ -381,13 +383,13 @@ void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendi
     }
 }
 
-bool LayerManager::isKnownPackagelessLocked(int32_t id, std::string_view name, int32_t uid) {
+bool LayerManager::isKnownPackagelessLocked(int32_t id, const char* name, int32_t uid) {
     auto it = mPackageless.find(id);
     if (it == mPackageless.end()) return false;
     const PackagelessName& known = it->second;
-    const bool sameName = known.prefix.size() == kPackagelessPrefix
-            ? name.substr(0, kPackagelessPrefix) == known.prefix
-            : name == known.prefix;
+    const size_t n = known.prefix.size();
+    const bool sameName = strncmp(name, known.prefix.c_str(), n) == 0 &&
+            (n == kPackagelessPrefix || name[n] == '\0');
     // A classified app of this uid can lend the layer its package now.
     const bool appKnown = uid >= 1 && mAppInfoMap.count(uid) > 0;
     if (sameName && known.uid == uid && !appKnown) return true;

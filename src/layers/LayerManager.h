@@ -187,7 +187,7 @@ private:
         std::string prefix;
         int32_t uid;
     };
-    bool isKnownPackagelessLocked(int32_t id, std::string_view name, int32_t uid) REQUIRES(mLock);
+    bool isKnownPackagelessLocked(int32_t id, const char* name, int32_t uid) REQUIRES(mLock);
     void rememberPackagelessLocked(int32_t id, std::string_view name, int32_t uid)
             REQUIRES(mLock);
     void cleanupInactiveLayersLocked(int64_t now) REQUIRES(mLock);
