@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
-#include <iterator>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -234,9 +234,9 @@ TEST_F(GfrTest, ReRegistrationLeavesThePendingCheckToFindTheNewToken) {
     const android::sp<android::TimerQueue> queue = peer.queue();
     for (int i = 0; i < 10; ++i) queue->pollOnce(50); // the check is due 20 ms after the frame
     android::platform::host::traceClose();
-    std::ifstream in(path);
-    const std::string trace((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-    EXPECT_NE(trace.find("frame finish, [com.game/com.game.Main#7]"), std::string::npos);
+    std::stringstream trace;
+    trace << std::ifstream(path).rdbuf();
+    EXPECT_NE(trace.str().find("frame finish, [com.game/com.game.Main#7]"), std::string::npos);
     EXPECT_TRUE(hints().empty());
 }
 
