@@ -76,9 +76,9 @@ public:
     int32_t noteLatchBacklog(int32_t bufferCount) EXCLUDES(mLock);
     int32_t consecutiveBacklog() const EXCLUDES(mLock);
     // Records the latch time and judges it against the previous one: a jank is two or more
-    // vsyncs missed, rounded in single precision (with a period of 0 every latch after an
-    // earlier one is a jank; a negative period makes none); the sixth jank within 15 s empties
-    // the jank record and is reported as kTooManyJanks (not recorded).
+    // vsyncs missed, rounded in single precision (with a period of 0 every latch later than the
+    // one before is a jank, with a negative one none is); the sixth jank within 15 s empties the
+    // jank record and is reported as kTooManyJanks (not recorded).
     LatchResult noteLatch(int64_t latchTimeNs, int64_t period) EXCLUDES(mLock);
     size_t jankCount() const EXCLUDES(mLock);
 

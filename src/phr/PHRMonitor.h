@@ -86,7 +86,8 @@ public:
     bool isQuickTouchApplicable(LayerPHRState* state) const;
     void setTargetFpsStatus(int32_t layerId, bool enable, float fromFps, float targetFps)
             EXCLUDES(mLayersLock);
-    // Sleeps the calling queue thread until the layer's next target-fps deadline (bounded).
+    // Sleeps the calling queue thread until the layer's next target-fps deadline (bounded). A
+    // signal that interrupts the sleep ends it; it is not resumed (LayerPHRState::sleepFor).
     void adjustForTargetFps(LayerPHRState* state);
     void resetTargetFpsClock(LayerPHRState* state);
     bool isTargetFpsSwitching(int32_t layerId) const EXCLUDES(mLayersLock);
