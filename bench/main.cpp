@@ -2,6 +2,7 @@
 // against its floor and the timer queue against libutils' Looper.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -80,10 +81,37 @@ void printSummary(const CollectingReporter& r) {
                allocs != result->counters.end() ? fmt("%.2f", allocs->second).c_str() : "");
     }
     if (empty) printf("  %-46s %10.2f\n", "empty exported call", empty->ns);
-    if (const auto hostile = r.find("BM_HotPath_FirstSightHostileName")) {
-        printf("  first buffer of a 1 MiB name matched in full: %.1f ms in the call, worst\n"
-               "  registry-lock wait of another thread meanwhile: %.0f us (goal < 1000)\n",
-               hostile->ns / 1e6, hostile->counters.at("worst_lock_wait_us"));
+    printf("\nHostile layer names: worst single exported call per stage of a layer's life (us)\n");
+    printf("  %-26s %9s %9s %9s %9s %9s %9s %9s\n", "name", "first", "candid.", "promote",
+           "tracked", "cleanup", "worst", "lock");
+    double worstCall = 0;
+    double worstLock = 0;
+    double worstPreempted = 0;
+    double preempted = 0;
+    for (const char* mib : {"1", "16", "0"}) {
+        const char* const shapes[] = {"no package", "SurfaceView[pkg/...#1", "pkg/...#1",
+                                      "control: pkg/pkg.Main#1"};
+        for (int shape = 0; shape < 4; shape++) {
+            const auto h = r.find(std::string("BM_HotPath_HostileName/MiB:") + mib +
+                                  "/shape:" + std::to_string(shape));
+            if (!h) continue;
+            const auto& c = h->counters;
+            const std::string label =
+                    shape == 3 ? shapes[shape] : std::string(mib) + " MiB " + shapes[shape];
+            printf("  %-26s %9.1f %9.1f %9.1f %9.1f %9.1f %9.1f %9.1f%s\n", label.c_str(),
+                   c.at("first_sight_us"), c.at("candidate_us"), c.at("promotion_us"),
+                   c.at("tracked_us"), c.at("cleanup_us"), c.at("worst_call_us"),
+                   c.at("lock_wait_us"), c.at("features_on") > 0 ? "  (monitors on)" : "");
+            worstCall = std::max(worstCall, c.at("worst_call_us"));
+            worstPreempted = std::max(worstPreempted, c.at("worst_preempted_us"));
+            preempted += c.at("preempted_calls");
+            worstLock = std::max(worstLock, c.at("lock_wait_us"));
+        }
+    }
+    if (worstCall > 0) {
+        printf("  worst exported call %.1f us (goal < 1000); worst registry-lock wait %.1f us\n"
+               "  (%.0f calls preempted by the kernel left out, the longest %.1f us)\n",
+               worstCall, worstLock, preempted, worstPreempted);
     }
 
     printf("\nTimer queue vs Looper: schedule + cancel (ns)\n");

@@ -8,6 +8,9 @@
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
+#include <sstream>
+#include <string>
 #include <thread>
 
 #include "config/FeatureManager.h"
@@ -215,6 +218,26 @@ TEST_F(GfrTest, OnlyAFrameBeginCancelsAPendingCheck) {
     for (int i = 0; i < 60 && hints().size() < 6; ++i) queue->pollOnce(50);
     const auto all = hints();
     EXPECT_EQ(2, std::count_if(all.begin(), all.end(), [](const Hint& h) { return h[0] == 1; }));
+}
+
+// Re-registration leaves the old state's check queued; when it runs it finds the new state's
+// token and only marks the frame finished.
+TEST_F(GfrTest, ReRegistrationLeavesThePendingCheckToFindTheNewToken) {
+    stopped();
+    auto old = addLayer();
+    frame();
+    ASSERT_NE(0u, old->mPendingCheckId);
+    const std::string path = testing::TempDir() + "/gfr-reregister.trace.json";
+    ASSERT_TRUE(android::platform::host::traceOpen(path));
+    monitor.registerLayer(kId, kName, "com.game");
+    monitor.setGFRActive(kId, true);
+    const android::sp<android::TimerQueue> queue = peer.queue();
+    for (int i = 0; i < 10; ++i) queue->pollOnce(50); // the check is due 20 ms after the frame
+    android::platform::host::traceClose();
+    std::stringstream trace;
+    trace << std::ifstream(path).rdbuf();
+    EXPECT_NE(trace.str().find("frame finish, [com.game/com.game.Main#7]"), std::string::npos);
+    EXPECT_TRUE(hints().empty());
 }
 
 TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {

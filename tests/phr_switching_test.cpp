@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+
 #include "PerfdControl.h"
 #include "phr/PHRMonitor.h"
 #include "support/LogCapture.h"
@@ -118,6 +120,30 @@ TEST_F(PhrSwitchingTest, SmoothSwitchStepsAQuarterFpsAndEnds) {
     m->setTargetFpsStatus(1, true, 30.0f, 30.0001f);
     for (int i = 0; i < 3; i++) pace(*s, previous, true, 2);
     EXPECT_TRUE(m->isTargetFpsSwitching(1));
+}
+
+// A period of 0 has no fps mode: a smooth switch's step is unbounded, so it never ends and paces
+// nothing; and every latch counts as a jank.
+TEST_F(PhrSwitchingTest, WithAPeriodOfZeroASmoothSwitchNeverEndsAndEveryLatchIsAJank) {
+    perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
+    perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "2");
+    start();
+    m->setVsyncInfo(0, 0);
+    sp<LayerPHRState> s = m->getLayerState(1);
+    s->mLastQueueTime.store(t);
+    m->setTargetFpsStatus(1, true, 60.0f, 30.0f);
+    EXPECT_TRUE(std::isinf(s->fpsStep()));
+    int64_t waited = 0;
+    for (int i = 0; i < 600; i++) waited += pace(*s, t += kP, true, 2);
+    EXPECT_EQ(waited, 0);
+    EXPECT_TRUE(m->isTargetFpsSwitching(1));
+
+    m->setTargetFpsStatus(1, false, 60.0f, 30.0f); // the latch path ignores a paced layer
+    m->setQuickTouchStatus(1, true);
+    latches(5, 0, 1'000'000);
+    EXPECT_EQ(s->jankCount(), 5u);
+    latches(1, 0, 1'000'000);
+    EXPECT_FALSE(s->mQuickTouchActive.load()) << "the sixth jank within 15 s";
 }
 
 TEST_F(PhrSwitchingTest, BacklogNeedsARateAndTheDropWaitEndsAfterThirtyLatches) {

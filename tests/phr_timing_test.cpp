@@ -2,6 +2,12 @@
 // long as it should. A one-second period keeps the intended release points far from the time-outs.
 
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
 
 #include "phr/PHRMonitor.h"
 #include "platform/Clock.h"
@@ -70,4 +76,24 @@ TEST(PhrWorkerStart, AVsyncRightAfterInitIsNotLost) {
     // Its release point comes 200 ms later; nothing is queued, so the worker marks it passed.
     platform::sleepFor(200 * kMs + 1);
     EXPECT_TRUE(state->mReleasedByTimer.load());
+}
+
+// On the kernel's clock: signals keep landing in the pacing sleep, which runs on to its deadline.
+TEST(TargetFpsSleep, AnInterruptedSleepRunsOnToItsDeadline) {
+    struct sigaction quiet {};
+    quiet.sa_handler = [](int) {};
+    ASSERT_EQ(sigaction(SIGUSR2, &quiet, nullptr), 0);
+    std::atomic<bool> done{false};
+    const auto start = std::chrono::steady_clock::now();
+    std::thread sleeper([&] {
+        sp<LayerPHRState>(new LayerPHRState(1, "game"))->sleepFor(300 * kMs);
+        done = true;
+    });
+    while (!done) {
+        pthread_kill(sleeper.native_handle(), SIGUSR2);
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    sleeper.join();
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300))
+            << "a signal ended the sleep early";
 }

@@ -148,9 +148,9 @@ void GFRMonitor::registerLayer(int32_t layerId, const std::string& layerName,
         checkAndUpdateCacheLocked(*state, mVsyncPeriod, 0.0f, false);
         auto [it, inserted] = mLayers.try_emplace(layerId, state);
         if (!inserted) {
+            // The old state's pending check stays queued: it meets the new state's frame token
+            // and ends as a finished frame. The old state is released outside the mutex.
             replaced = std::move(it->second);
-            // Its check would only find a foreign frame token; spare the loop the wake-up.
-            cancelPendingChecksLocked(*replaced);
             it->second = state;
         }
     }

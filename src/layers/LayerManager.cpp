@@ -149,23 +149,40 @@ sp<LayerInfo> LayerManager::getLayer(int32_t id) {
     return it == mLayers.end() ? nullptr : it->second;
 }
 
-sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id, int32_t pid,
+sp<LayerInfo> LayerManager::getOrCreateLayer(std::string_view name, int32_t id, int32_t pid,
                                              int32_t uid, int64_t now) {
-    // An app chooses its layer names, and classifying a long one takes milliseconds: the
-    // expression runs before the registry lock, for an id that is not a candidate yet.
+    // Whatever reads the name (classification, the promoted layer's copy and scene tag) runs
+    // before the registry lock: an app's choice of name must not make other compositor threads
+    // wait. The lock is taken twice; what changed in between is settled under the second.
     bool classify = false;
+    std::string candidatePackage;
     {
         Mutex::Autolock lock(mLock);
         auto it = mLayers.find(id);
         if (it != mLayers.end()) return it->second;
-        classify = mCandidates.count(id) == 0 && !mCandidateLimitReached;
+        auto candidate = mCandidates.find(id);
+        if (candidate == mCandidates.end()) {
+            classify = !mCandidateLimitReached;
+        } else if (now - candidate->second.firstTime >= kPromotionWindowNs &&
+                   !mActiveLimitReached) {
+            // Its window is long enough: this frame may promote it (or restart the window,
+            // at most once per half second, and the preparation is wasted).
+            candidatePackage = candidate->second.packageName;
+        }
     }
+    PerfProxy* perf = PerfProxy::getInstance();
     std::string classified;
-    if (classify) classified = PerfProxy::getInstance()->getPackageName(name);
+    if (classify) classified = perf->getPackageName(name);
+    sp<LayerInfo> prepared;
+    if (!candidatePackage.empty()) {
+        prepared = new LayerInfo(id, std::string(name), candidatePackage, pid, uid);
+        prepared->mSceneTag = perf->getLayerSceneTag(candidatePackage, name);
+    }
 
     bool cleanupLayers = false;
     bool cleanupCands = false;
     sp<LayerInfo> promoted;
+    std::string cachedPackage;
     {
         Mutex::Autolock lock(mLock);
         auto candidate = mCandidates.find(id);
@@ -173,14 +190,17 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
             if (!candidate->second.updateAndCheckPromotion(now) || mActiveLimitReached) {
                 return nullptr;
             }
-            PerfProxy* perf = PerfProxy::getInstance();
-            promoted = new LayerInfo(id, name, candidate->second.packageName, pid, uid);
-            promoted->mSceneTag = perf->getLayerSceneTag(promoted->mPackageName, name);
+            // Rarely unprepared (the candidate was replaced or the limit cleared meanwhile):
+            // the name is bounded, so preparing it here costs microseconds at most.
+            if (!prepared || prepared->mPackageName != candidate->second.packageName) {
+                prepared = new LayerInfo(id, std::string(name), candidate->second.packageName,
+                                         pid, uid);
+                prepared->mSceneTag = perf->getLayerSceneTag(prepared->mPackageName, name);
+            }
+            promoted = std::move(prepared);
             mLayers.emplace(id, promoted);
             mCandidates.erase(candidate);
             mTrackedLayerCount.fetch_add(1);
-            PerfProxy::XLOGD(LOG_TAG, "Add new layer to full tracking: [%s] layer %d, pid %d, uid %d",
-                             name.c_str(), id, pid, uid);
             cleanupLayers = mLayers.size() > kMaxTrackedLayers;
         } else {
             // Not classified: the id was a candidate a moment ago and has just been dropped
@@ -192,8 +212,7 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
                 if (app != mAppInfoMap.end()) {
                     packageName = app->second.packageName;
                     app->second.lastSeenTime = now;
-                    PerfProxy::XLOGD(LOG_TAG, "Layer [%s] get pkg from AppInfo cache (uid=%d): %s",
-                                     name.c_str(), uid, packageName.c_str());
+                    cachedPackage = packageName;
                 }
             }
             // Layers without a package are never tracked.
@@ -207,8 +226,19 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(const std::string& name, int32_t id
             fresh.packageName = std::move(packageName);
             fresh.updateAndCheckPromotion(now);
             mCandidates.emplace(id, std::move(fresh));
-            PerfProxy::XLOGD(LOG_TAG, "Add new candidate layer: %d [%s]", id, name.c_str());
         }
+    }
+    const int shownLength = static_cast<int>(name.size());
+    if (promoted) {
+        PerfProxy::XLOGD(LOG_TAG, "Add new layer to full tracking: [%.*s] layer %d, pid %d, uid %d",
+                         shownLength, name.data(), id, pid, uid);
+    } else {
+        if (!cachedPackage.empty()) {
+            PerfProxy::XLOGD(LOG_TAG, "Layer [%.*s] get pkg from AppInfo cache (uid=%d): %s",
+                             shownLength, name.data(), uid, cachedPackage.c_str());
+        }
+        PerfProxy::XLOGD(LOG_TAG, "Add new candidate layer: %d [%.*s]", id, shownLength,
+                         name.data());
     }
     if (cleanupCands) cleanupCandidates(now);
     if (promoted) {
@@ -235,7 +265,8 @@ void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, 
         }
     }
     if (!frame.layer) {
-        sp<LayerInfo> layer = getOrCreateLayer(name, id, pid, uid, timestamp);
+        sp<LayerInfo> layer =
+                getOrCreateLayer(PerfProxy::layerNameView(name), id, pid, uid, timestamp);
         if (!layer) return;
         Mutex::Autolock lock(mLock);
         frame = onQueueLocked(layer, now, flag);
@@ -366,11 +397,11 @@ bool LayerManager::isKnownPackagelessLocked(int32_t id, const char* name, int32_
     return false;
 }
 
-void LayerManager::rememberPackagelessLocked(int32_t id, const std::string& name, int32_t uid) {
+void LayerManager::rememberPackagelessLocked(int32_t id, std::string_view name, int32_t uid) {
     if (mPackageless.size() >= kMaxPackageless && mPackageless.count(id) == 0) {
         mPackageless.clear(); // bounded; a forgotten name is just examined once more
     }
-    mPackageless[id] = PackagelessName{name.substr(0, kPackagelessPrefix), uid};
+    mPackageless[id] = PackagelessName{std::string(name.substr(0, kPackagelessPrefix)), uid};
 }
 
 void LayerManager::onVsync(int64_t now) {
@@ -641,6 +672,7 @@ std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id
     LayerStatus status;
     status.id = layer.mId;
     status.packageName = layer.mPackageName;
+    status.sceneTag = layer.mSceneTag;
     status.uid = layer.mUid;
     status.active = layer.mActive;
     status.focused = layer.mFocused;

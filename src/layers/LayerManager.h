@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <unordered_set>
 
@@ -51,6 +52,7 @@ public:
     struct LayerStatus {
         int32_t id = -1;
         std::string packageName;
+        std::string sceneTag;
         int32_t uid = -1;
         bool active = false;
         bool focused = false;
@@ -91,12 +93,14 @@ public:
     bool isSmartTouchEnabled() const { return mSmartTouchEnabled.load(); }
 
     sp<LayerInfo> getLayer(int32_t id) EXCLUDES(mLock);
-    sp<LayerInfo> getOrCreateLayer(const std::string& name, int32_t id, int32_t pid, int32_t uid,
+    // `name` is the part of the layer's name the library reads (PerfProxy::layerNameView).
+    sp<LayerInfo> getOrCreateLayer(std::string_view name, int32_t id, int32_t pid, int32_t uid,
                                    int64_t now) EXCLUDES(mLock);
 
     // Compositor buffer, latch and vsync events. None blocks beyond the registry mutex. Names
-    // are NUL-terminated and stay the caller's; a tracked layer's buffer never reads its name,
-    // and a name that gave no package is not examined again for that layer id (see
+    // are NUL-terminated and stay the caller's; only their first
+    // PerfProxy::kMaxLayerNameBytes bytes are read. A tracked layer's buffer never reads its
+    // name, and a name that gave no package is not examined again for that layer id (see
     // isKnownPackagelessLocked), so an app's choice of name costs the compositor nothing per frame.
     void onBufferIncrement(const char* name, int32_t id, int32_t pid, int32_t uid,
                            int64_t timestamp, bool flag, uint32_t value) EXCLUDES(mLock);
@@ -184,7 +188,7 @@ private:
         int32_t uid;
     };
     bool isKnownPackagelessLocked(int32_t id, const char* name, int32_t uid) REQUIRES(mLock);
-    void rememberPackagelessLocked(int32_t id, const std::string& name, int32_t uid)
+    void rememberPackagelessLocked(int32_t id, std::string_view name, int32_t uid)
             REQUIRES(mLock);
     void cleanupInactiveLayersLocked(int64_t now) REQUIRES(mLock);
     void cleanupCandidatesLocked(int64_t now) REQUIRES(mLock);

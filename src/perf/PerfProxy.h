@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 
 #include "perf/PerfClientApi.h"
 #include "platform/Thread.h"
@@ -66,8 +67,17 @@ public:
     int lowLatencyHandle() const { return mLowLatencyHandle.load(); }
 
     // ---- Classification (stateless apart from the compiled expression and service calls) ----
-    std::string getPackageName(const std::string& layerName);
-    std::string getLayerSceneTag(const std::string& pkg, const std::string& layerName);
+    // An app picks its layer names and the compositor hands them over as they are. The library
+    // reads no more of a name than this: a longer name is taken as its first kMaxLayerNameBytes
+    // bytes everywhere (classification, the registry, the monitors, logs and traces), so that
+    // no call's cost depends on the rest. Real names are a few hundred bytes at most.
+    static constexpr size_t kMaxLayerNameBytes = 4096;
+    // The part of a NUL-terminated name the library reads; null reads as empty. Reads no byte
+    // beyond the first kMaxLayerNameBytes.
+    static std::string_view layerNameView(const char* name);
+    // Both look at the first kMaxLayerNameBytes bytes of the name only.
+    std::string getPackageName(std::string_view layerName);
+    std::string getLayerSceneTag(const std::string& pkg, std::string_view layerName);
     bool isGameApp(const std::string& pkg);
     bool isGameLayer(const std::string& layerName);
     int getGameWeight(const std::string& pkg);

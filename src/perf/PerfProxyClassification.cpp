@@ -7,7 +7,9 @@
 
 #include <cmath>
 #include <cstdint>
+#include <cstring>
 #include <string>
+#include <string_view>
 
 #include "perf/PerfProxy.h"
 
@@ -69,17 +71,25 @@ bool isInputMethodName(re2::StringPiece name) {
 
 } // namespace
 
-std::string PerfProxy::getPackageName(const std::string& layerName) {
+std::string_view PerfProxy::layerNameView(const char* name) {
+    if (name == nullptr) return {};
+    return std::string_view(name, strnlen(name, kMaxLayerNameBytes));
+}
+
+std::string PerfProxy::getPackageName(std::string_view layerName) {
     constexpr size_t kPrefixLength = sizeof(kViewRootPrefix) - 1;
-    re2::StringPiece name(layerName);
+    layerName = layerName.substr(0, kMaxLayerNameBytes);
+    re2::StringPiece name(layerName.data(), layerName.size());
     if (name.starts_with(kViewRootPrefix)) name.remove_prefix(kPrefixLength);
 
     // Most layer names carry no SurfaceView marker; the literal is required by the expression, so
     // skipping the match for them changes no answer.
     if (name.find(kSurfaceViewMarker) != re2::StringPiece::npos) {
         if (const RE2* expression = surfaceViewExpression()) {
+            // Without a capture RE2 decides with its DFA, at memory speed; tracking the capture
+            // costs tens of times more, so it only runs on a name that matches.
             re2::StringPiece package;
-            if (RE2::FullMatch(name, *expression, &package)) {
+            if (RE2::FullMatch(name, *expression) && RE2::FullMatch(name, *expression, &package)) {
                 return std::string(package.data(), package.size());
             }
         }
@@ -95,13 +105,14 @@ std::string PerfProxy::getPackageName(const std::string& layerName) {
     return {};
 }
 
-std::string PerfProxy::getLayerSceneTag(const std::string& pkg, const std::string& layerName) {
+std::string PerfProxy::getLayerSceneTag(const std::string& pkg, std::string_view layerName) {
+    layerName = layerName.substr(0, kMaxLayerNameBytes);
     // Mini-games run inside these two host apps; only the layer name tells them apart.
     if (pkg == "com.ss.android.ugc.aweme") {
-        if (layerName.find("minigame") != std::string::npos) return "minigame";
+        if (layerName.find("minigame") != std::string_view::npos) return "minigame";
     } else if (pkg == "com.tencent.mm") {
-        if (layerName.find("AppBrandUI") != std::string::npos &&
-            layerName.find("SurfaceView") != std::string::npos) {
+        if (layerName.find("AppBrandUI") != std::string_view::npos &&
+            layerName.find("SurfaceView") != std::string_view::npos) {
             return "minigame";
         }
     }

@@ -5,7 +5,6 @@
 #include <utils/Timers.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 
 #include "perf/PerfProxy.h"
@@ -318,7 +317,7 @@ int32_t LayerPHRState::consecutiveBacklog() const {
 
 LayerPHRState::LatchResult LayerPHRState::noteLatch(int64_t latchTimeNs, int64_t period) {
     const int64_t previous = mLastLatchTime.exchange(latchTimeNs);
-    if (period <= 0) return LatchResult::kNone;
+    // Taken as it comes: a period of 0 makes every later latch a jank.
     const float missed = std::round(static_cast<float>(latchTimeNs - previous) /
                                     static_cast<float>(period));
     if (!(missed >= 2.0f)) return LatchResult::kNone;
@@ -350,14 +349,14 @@ bool LayerPHRState::setTargetFps(bool enable, float fromFps, float targetFps,
         if (enable == mTargetFpsActive.load() && targetFps == mTargetFps) return false;
         mTargetFps = targetFps;
         if (enable) {
-            const int32_t frames = switchTimeSec >= 1 && displayFps > 0
-                    ? static_cast<int32_t>(std::min<int64_t>(
-                              int64_t{switchTimeSec} * displayFps, INT32_MAX))
-                    : 0;
-            if (frames > 0) {
+            if (switchTimeSec >= 1) {
                 mCurrentFps = fromFps;
                 mSmoothSwitch = true;
                 mNextDeadline = std::max(mLastQueueTime.load(), mLastTargetFpsQueueTime.load());
+                // Over switchTimeSec seconds of display frames. Without a display fps (a period
+                // with no fps mode) the step is unbounded and the switch never ends: the
+                // frames go out unpaced until pacing is switched again.
+                const int64_t frames = int64_t{switchTimeSec} * displayFps;
                 mFpsStep = (fromFps - targetFps) / static_cast<float>(frames);
             } else {
                 fpsToInterval(targetFps, &mFrameInterval);

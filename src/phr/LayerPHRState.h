@@ -77,15 +77,17 @@ public:
     int32_t noteLatchBacklog(int32_t bufferCount) EXCLUDES(mLock);
     int32_t consecutiveBacklog() const EXCLUDES(mLock);
     // Records the latch time and judges it against the previous one: a jank is two or more
-    // vsyncs missed; the sixth jank within 15 s empties the jank record and is reported as
-    // kTooManyJanks (not recorded).
+    // vsyncs missed, rounded in single precision (with a period of 0 every latch later than the
+    // one before is a jank, with a negative one none is); the sixth jank within 15 s empties the
+    // jank record and is reported as kTooManyJanks (not recorded).
     LatchResult noteLatch(int64_t latchTimeNs, int64_t period) EXCLUDES(mLock);
     size_t jankCount() const EXCLUDES(mLock);
 
     // ---- Target fps ----
     // Switches pacing on or off. False when nothing changed (same flag and same target).
     // Smooth switching when switchTimeSec >= 1: the rate walks from fromFps to targetFps over
-    // switchTimeSec seconds of displayFps frames.
+    // switchTimeSec seconds of displayFps frames; with displayFps 0 the step is unbounded and
+    // the switch never ends (its frames are not paced).
     bool setTargetFps(bool enable, float fromFps, float targetFps, int32_t switchTimeSec,
                       int32_t displayFps) EXCLUDES(mLock);
     // Advances the pacing clock for one queued buffer at `now`; returns how long the queue
@@ -119,7 +121,9 @@ public:
     void detach() EXCLUDES(mHoldLock);
     bool isDetached() const { return mDetached.load(); }
     bool isWaiting() const EXCLUDES(mHoldLock);
-    // The target-fps sleep: nothing cuts it short, not even the layer's removal.
+    // The target-fps sleep (platform::sleepFor), which nothing in the library cuts short, not even
+    // the layer's removal. A signal delivered to the thread does not end it either: the sleep runs
+    // on to its deadline, so a paced frame never leaves early.
     void sleepFor(int64_t ns);
 
     const int32_t mLayerId;

@@ -54,7 +54,7 @@ public:
     sp<LayerPHRState> getLayerState(int32_t layerId) const EXCLUDES(mLayersLock);
 
     // A new display period (ns) and its fps; the same period again is ignored, fps included.
-    // Periods that are not positive or longer than a second are ignored.
+    // Any other period is stored as it is, 0 and negative ones included.
     void setVsyncInfo(int64_t periodNs, int32_t fps) EXCLUDES(mLayersLock);
     // A vsync: wakes the worker when a layer has quick touch. Never blocks beyond short locks.
     void onVsync(int64_t timestamp) EXCLUDES(mLayersLock, mThreadLock);
@@ -86,7 +86,8 @@ public:
     bool isQuickTouchApplicable(LayerPHRState* state) const;
     void setTargetFpsStatus(int32_t layerId, bool enable, float fromFps, float targetFps)
             EXCLUDES(mLayersLock);
-    // Sleeps the calling queue thread until the layer's next target-fps deadline (bounded).
+    // Sleeps the calling queue thread until the layer's next target-fps deadline (bounded). A
+    // signal that interrupts the sleep ends it; it is not resumed (LayerPHRState::sleepFor).
     void adjustForTargetFps(LayerPHRState* state);
     void resetTargetFpsClock(LayerPHRState* state);
     bool isTargetFpsSwitching(int32_t layerId) const EXCLUDES(mLayersLock);
