@@ -121,9 +121,10 @@ public:
     void detach() EXCLUDES(mHoldLock);
     bool isDetached() const { return mDetached.load(); }
     bool isWaiting() const EXCLUDES(mHoldLock);
-    // The target-fps sleep (platform::sleepFor), which nothing in the library cuts short, not even
-    // the layer's removal. A signal delivered to the thread does not end it either: the sleep runs
-    // on to its deadline, so a paced frame never leaves early.
+    // The target-fps sleep: the platform's plain relative sleep (platform::sleepFor), which
+    // nothing in the library cuts short, not even the layer's removal. A signal delivered to the
+    // thread ends it early and it is not resumed: the frame leaves at once; later deadlines stay
+    // as they were.
     void sleepFor(int64_t ns);
 
     const int32_t mLayerId;

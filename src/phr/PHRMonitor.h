@@ -87,8 +87,7 @@ public:
     void setTargetFpsStatus(int32_t layerId, bool enable, float fromFps, float targetFps)
             EXCLUDES(mLayersLock);
     // Sleeps the calling queue thread until the layer's next target-fps deadline (bounded). A
-    // signal that interrupts the sleep does not end it: it runs on to the deadline
-    // (LayerPHRState::sleepFor).
+    // signal that interrupts the sleep ends it; it is not resumed (LayerPHRState::sleepFor).
     void adjustForTargetFps(LayerPHRState* state);
     void resetTargetFpsClock(LayerPHRState* state);
     bool isTargetFpsSwitching(int32_t layerId) const EXCLUDES(mLayersLock);

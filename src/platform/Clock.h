@@ -13,8 +13,9 @@ int64_t now();
 // reaches it, so a deadline computed from it is one the wait keeps.
 int64_t waitClockNow();
 
-// Block the calling thread on the wait clock; nothing happens for a deadline already past. A
-// signal does not cut a sleep short: it runs on to the same deadline.
+// Block the calling thread on the wait clock; nothing happens for a deadline already past.
+// sleepFor is the system's plain relative sleep: a signal ends it early and it is not resumed.
+// sleepUntil runs on to its deadline whatever signal comes.
 void sleepFor(int64_t ns);
 void sleepUntil(int64_t deadlineNs);
 

@@ -13,7 +13,7 @@ int64_t waitClockNow() {
 }
 
 void sleepFor(int64_t ns) {
-    if (ns > 0) kernel::sleepUntil(kernel::monotonicNow() + ns);
+    if (ns > 0) kernel::sleepFor(ns);
 }
 
 void sleepUntil(int64_t deadlineNs) {

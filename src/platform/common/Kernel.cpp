@@ -43,6 +43,11 @@ void sleepUntil(int64_t deadlineNs) {
     }
 }
 
+void sleepFor(int64_t ns) {
+    const timespec request = toTimespec(ns);
+    nanosleep(&request, nullptr);  // an interruption ends the sleep: it is not resumed
+}
+
 bool KernelLoopWait::open() {
     mEpollFd = epoll_create1(EPOLL_CLOEXEC);
     if (mEpollFd < 0) {

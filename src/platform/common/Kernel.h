@@ -11,6 +11,8 @@ namespace android::platform::kernel {
 int64_t monotonicNow();
 // clock_nanosleep on an absolute deadline, resumed after a signal.
 void sleepUntil(int64_t deadlineNs);
+// One relative nanosleep; a signal ends it.
+void sleepFor(int64_t ns);
 // nice -8 and SCHED_FIFO 1 for the calling thread; each failed call is logged under `logTag`.
 void setLoopThreadPriority(const char* logTag);
 

@@ -22,7 +22,12 @@ int64_t waitClockNow() {
 }
 
 void sleepFor(int64_t ns) {
-    if (ns > 0) sleepUntil(waitClockNow() + ns);
+    if (ns <= 0) return;
+    if (host::VirtualTime* time = host::VirtualTime::active()) {
+        time->wait(nullptr, time->now() + ns, "sleep");
+    } else {
+        kernel::sleepFor(ns);
+    }
 }
 
 void sleepUntil(int64_t deadlineNs) {
