@@ -49,11 +49,11 @@ public:
                 if (seen & kTimer) mWhen = host::VirtualTime::kNever;  // one-shot, as a timerfd
                 return seen;
             }
+            if (mLimit <= mTime->now()) return 0;
             const int64_t deadline = std::min(mWhen, mLimit);
             lock.unlock();
-            const bool woken = mTime->wait(this, deadline, "timer-queue wait");
+            mTime->wait(this, deadline, "timer-queue wait");
             lock.lock();
-            if (!woken && mLimit <= mTime->now() && !mWoken && mWhen > mTime->now()) return 0;
         }
     }
 

@@ -13,13 +13,13 @@ namespace android::platform::host {
 namespace {
 
 std::atomic<VirtualTime*> gActive{nullptr};
+thread_local VirtualTime::Participant* tSelf = nullptr;
 
 void jitter(int64_t maxUs) {
     if (maxUs <= 0) return;
     thread_local std::minstd_rand random(std::random_device{}());
     std::this_thread::sleep_for(std::chrono::microseconds(random() % (maxUs + 1)));
 }
-thread_local VirtualTime::Participant* tSelf = nullptr;
 
 std::string firstLineOf(const std::string& path) {
     std::ifstream in(path);
@@ -161,6 +161,10 @@ bool VirtualTime::wait(const void* key, int64_t deadline, const char* what) {
 
 void VirtualTime::notify(const void* key, bool all) {
     std::lock_guard<std::mutex> lock(mMutex);
+    notifyLocked(key, all);
+}
+
+void VirtualTime::notifyLocked(const void* key, bool all) {
     for (;;) {
         Participant* first = nullptr;
         for (const auto& p : mParticipants) {
@@ -223,9 +227,7 @@ void VirtualTime::leave(Participant* participant) {
     std::unique_lock<std::mutex> lock(mMutex);
     participant->state = Participant::State::kExited;
     mRunning = nullptr;
-    for (const auto& p : mParticipants) {
-        if (p->state == Participant::State::kWaiting && p->key == participant) makeReadyLocked(*p, mNow);
-    }
+    notifyLocked(participant, true);  // its joiners
     dispatchLocked();
     tSelf = nullptr;
 }

@@ -66,6 +66,7 @@ private:
     explicit VirtualTime(VirtualTimeOptions options);
     Participant* addLocked(const char* name);
     void makeReadyLocked(Participant& p, int64_t at);
+    void notifyLocked(const void* key, bool all);
     void dispatchLocked();
     void blockUntilTurnLocked(std::unique_lock<std::mutex>& lock, Participant& self);
     Participant* selfOrDie(const char* what);
