@@ -79,43 +79,57 @@ TEST(SimGpu, ADeadlineRunsTheGpuAtItsMaximumUntilThatFenceSignals) {
     EXPECT_EQ(gpu.endOf(c, 0), 31'500'000);
 }
 
-TEST(SimFrameTimeline, FramesAreJudgedAgainstTheirExpectedPresentByCause) {
+TEST(SimFrameTimeline, FramesAreJudgedAgainstTheirIntendedVsyncAndStuffingIsAState) {
     const VsyncGrid grid{0, 16 * kMs, 8 * kMs, 1};
     struct Case {
         const char* what;
-        int64_t intervalMs, queueMs, readyMs, dequeueWaitMs, presentMs;
+        int64_t enterMs, queueMs, readyMs, dequeueWaitMs;
+        int ahead;
+        int64_t presentMs;
         std::set<int64_t> lateTicks;
         LateCause cause;
         int lateVsyncs;
     };
-    // Started at 1 ms with a 16 ms frame time: latched at the 16 ms tick, shown at 24 ms.
+    // Meant for the 16 ms latch, shown at 24 ms.
     const std::vector<Case> cases = {
-            {"on time", 16, 10, 14, 0, 24, {}, LateCause::OnTime, 0},
-            {"queued after the latch", 16, 17, 17, 0, 40, {}, LateCause::AppDeadline, 1},
-            {"queued late after a wait for a buffer", 16, 17, 17, 5, 40, {}, LateCause::BufferStuffing, 1},
-            {"GPU still drawing at the latch", 16, 10, 20, 0, 40, {}, LateCause::GpuLate, 1},
-            {"the compositor overslept the latch", 16, 10, 14, 0, 40, {16 * kMs}, LateCause::Composition, 1},
-            {"older frames before it", 16, 10, 14, 0, 56, {}, LateCause::BufferStuffing, 2},
-            {"a slower app is given two vsyncs", 24, 20, 30, 0, 40, {}, LateCause::OnTime, 0},
+            {"on time", 10, 10, 14, 0, 0, 24, {}, LateCause::OnTime, 0},
+            {"less than half a vsync late", 10, 10, 14, 0, 0, 31, {}, LateCause::OnTime, 0},
+            {"queued after its latch", 17, 17, 17, 0, 0, 40, {}, LateCause::AppDeadline, 1},
+            {"queued late after a wait for a buffer", 17, 17, 17, 5, 0, 40, {}, LateCause::BufferStuffing, 1},
+            {"GPU still drawing at the latch", 10, 10, 20, 0, 0, 40, {}, LateCause::GpuLate, 1},
+            {"the compositor overslept the latch", 10, 10, 14, 0, 0, 40, {16 * kMs}, LateCause::Composition, 1},
+            {"held in the queue path past the latch", 10, 17, 14, 0, 0, 40, {}, LateCause::Composition, 1},
+            {"older frames before it", 10, 10, 14, 0, 1, 56, {}, LateCause::BufferStuffing, 2},
+            {"ready and first in line, not latched", 10, 10, 14, 0, 0, 40, {}, LateCause::Composition, 1},
     };
+    FrameTimelineCounts counts;
     for (const Case& c : cases) {
         Frame f;
-        f.startNs = 1 * kMs, f.intervalNs = c.intervalMs * kMs, f.queueNs = c.queueMs * kMs;
-        f.dequeueWaitNs = c.dequeueWaitMs * kMs;
+        f.intendedTickNs = 16 * kMs, f.queueEnterNs = c.enterMs * kMs, f.queueNs = c.queueMs * kMs;
+        f.dequeueWaitNs = c.dequeueWaitMs * kMs, f.queuedAhead = c.ahead, f.gpuWorkNs = 3 * kMs;
         const FrameVerdict v = judgeFrame(f, c.readyMs * kMs, c.presentMs * kMs, grid, c.lateTicks);
         EXPECT_EQ(causeName(v.cause), std::string(causeName(c.cause))) << c.what;
         EXPECT_EQ(v.lateVsyncs, c.lateVsyncs) << c.what;
+        counts.add(v);
     }
-    Frame f;
-    f.startNs = 1 * kMs, f.intervalNs = 16 * kMs;
+    // Stuffed frames are no janks: they are counted apart with what they cost.
+    EXPECT_EQ(counts.onTime, 2);
+    EXPECT_EQ(counts.late, 5);
+    EXPECT_EQ(counts.lateVsyncs, 5);
+    EXPECT_EQ(counts.stuffedLateMs, std::vector<double>({16, 32}));
+    EXPECT_EQ(counts.of(LateCause::Composition), 3);
+
+    EXPECT_EQ(grid.tickPresentingAt(24 * kMs), 16 * kMs);
+    EXPECT_EQ(grid.tickPresentingAt(25 * kMs), 32 * kMs) << "no tick presents then: the next one";
+    EXPECT_EQ(grid.firstTickAtOrAfter(0), 16 * kMs) << "the first tick is a period after the origin";
     const VsyncGrid later{0, 16 * kMs, 8 * kMs, 2};
-    EXPECT_EQ(judgeFrame(f, 0, 40 * kMs, later, {}).expectedPresentNs, 40 * kMs) << "a present delay of 2";
+    EXPECT_EQ(later.tickPresentingAt(40 * kMs), 16 * kMs) << "a present delay of 2";
 }
 
 TEST(SimFrameTimeline, ABoostThatLandsBeforeTheDeadlineTurnsALateFrameIntoAnOnTimeOne) {
     const VsyncGrid grid{0, 16 * kMs, 8 * kMs, 1};
     Frame f;
-    f.startNs = 0, f.intervalNs = 32 * kMs, f.queueNs = 10 * kMs;  // 30 fps: latched at 32 ms
+    f.intendedTickNs = 32 * kMs, f.queueEnterNs = f.queueNs = 10 * kMs, f.gpuWorkNs = 30 * kMs;
     auto verdict = [&](bool boost) {
         Gpu gpu(250, 1000, 2 * kMs, 16 * kMs);
         const uint64_t job = gpu.submit(f.queueNs, 30 * kMs, 0);
@@ -127,17 +141,14 @@ TEST(SimFrameTimeline, ABoostThatLandsBeforeTheDeadlineTurnsALateFrameIntoAnOnTi
     EXPECT_EQ(verdict(true).cause, LateCause::OnTime);
 }
 
-TEST(SimInput, AHeldMoveReachesTheAppOnlyWithTheNextDeliveryOrFrameStart) {
+TEST(SimInput, TheInputStageConsumesTheWholeBatchHeldMovesIncluded) {
     TouchInput input;
     input.deliver(5);
-    EXPECT_EQ(input.sampleAtFrameStart(), 5) << "consumed now: the next frame has it";
-    input.hold(8);
-    EXPECT_EQ(input.sampleAtFrameStart(), 0) << "held past this frame's start";
-    EXPECT_EQ(input.sampleAtFrameStart(), 8) << "delivered as that frame started";
-    input.hold(9);
-    input.deliver(10);
-    EXPECT_EQ(input.sampleAtFrameStart(), 10) << "a batch goes out with the next event consumed";
-    EXPECT_EQ(input.sampleAtFrameStart(), 0);
+    EXPECT_EQ(input.consume(), std::vector<int64_t>({5}));
+    input.deliver(8);
+    input.deliver(9);
+    EXPECT_EQ(input.consume(), std::vector<int64_t>({8, 9}));
+    EXPECT_TRUE(input.consume().empty());
 }
 
 TEST(SimCpu, ServiceBoostsAndTheLowLatencyLockSpeedTheAppAfterTheRamp) {
@@ -287,14 +298,21 @@ TEST(SimBufferQueue, FramesGoOutInOrderAndAFullQueueBlocksTheAppUntilALatch) {
     }
     EXPECT_TRUE(q.freeBuffers() == 0 && q.queued() == 2 && q.oldest()->number == 1u);
     Frame latched;
-    EXPECT_EQ(q.latch(&latched, 100), 1);
+    EXPECT_EQ(q.latch(&latched, 0, 100), 1);
     EXPECT_EQ(latched.number, 1u);
     EXPECT_EQ(q.freeBuffers(), 0) << "the first frame on screen frees nothing";
     std::atomic<bool> got{false};
-    std::thread app([&] { got = q.dequeue(&release); });
-    EXPECT_EQ(q.latch(&latched, 200), 0);
+    std::atomic<int64_t> gotAt{0};
+    std::thread app([&] {
+        got = q.dequeue(&release);
+        gotAt = android::platform::waitClockNow();
+    });
+    // The release callback reaches the app a while after the latch.
+    const int64_t back = android::platform::waitClockNow() + 20 * kMs;
+    EXPECT_EQ(q.latch(&latched, back, 200), 0);
     app.join();
     EXPECT_TRUE(got) << "the frame it replaced is free again";
+    EXPECT_GE(gotAt.load(), back) << "not before the release callback";
     EXPECT_EQ(release, 200) << "the display lets go of it when the new frame is presented";
     EXPECT_EQ(latched.number, 2u);
     q.cancel(release);

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -62,9 +63,10 @@ public:
 
     Json::Value json(const std::string& path) { return parseStrictJson(slurp(path)); }
 
-    // One app alone, library off; returns its layer's summary.
-    Json::Value alone(const std::string& name, const std::string& layer) {
-        const std::string scenario = write(name + ".json", R"({"duration_s": 1.5, "apps": [{"package": "p", "layers": [)" + layer + "]}]}");
+    // One app alone, library off; returns its layer's summary. `extra`: more top-level keys.
+    Json::Value alone(const std::string& name, const std::string& layer, const std::string& extra = "") {
+        const std::string scenario = write(name + ".json", R"({"duration_s": 1.5, )" + extra +
+                                                                   R"("apps": [{"package": "p", "layers": [)" + layer + "]}]}");
         const Outcome o = run({scenario, "--disable", "--quiet", "--summary", file(name + ".out.json")});
         EXPECT_EQ(o.status, 0) << o.err;
         return json(file(name + ".out.json"))["layers"][0];
@@ -116,10 +118,19 @@ TEST_F(SimRun, AShortRunWritesItsSummaryTraceAndFrames) {
     EXPECT_EQ(s["clock"].asString(), "virtual");
     const Json::Value& game = s["layers"][0];
     EXPECT_EQ(game["frames_presented"].asInt(), 150);
-    EXPECT_EQ(game["input_to_present_ms"]["frames"].asInt(), 56) << "the drag at 1 s reached frames";
-    EXPECT_EQ(game["input_to_present_ms"]["p50"].asDouble(), 54.582);
-    EXPECT_EQ(game["frame_timeline"]["late"].asInt(), 122);
+    EXPECT_EQ(game["input_to_present_ms"]["frames"].asInt(), 65) << "the drag at 1 s reached frames";
+    EXPECT_EQ(game["input_to_present_ms"]["p50"].asDouble(), 52.939);
+    // Every touch event counts, to the first frame that read it, held MOVEs included.
+    EXPECT_EQ(game["touch_event_to_present_ms"]["events"].asInt(), 135);
+    EXPECT_EQ(game["touch_event_to_present_ms"]["p50"].asDouble(), 54.303);
+    // Three buffers drawn ahead: stuffed a vsync late, which is no jank.
+    EXPECT_EQ(game["frame_timeline"]["late"].asInt(), 1);
+    EXPECT_EQ(game["frame_timeline"]["buffer_stuffing"]["frames"].asInt(), 121);
+    EXPECT_EQ(game["frame_timeline"]["buffer_stuffing"]["late_ms_p50"].asDouble(), 16.667);
     EXPECT_EQ(game["holds"]["count"].asInt(), 28);
+    // The app's vsync time is the vsync's, set at each vsync: smart touch holds some MOVEs only.
+    EXPECT_EQ(game["smart_touch"]["moves_held"].asInt(), 64);
+    EXPECT_EQ(game["smart_touch"]["moves_consumed_now"].asInt(), 72);
     EXPECT_TRUE(game["promoted"].asBool() && s["hints"]["delivered"].asInt() == 1);
 
     // The trace loads, holds both kinds of slices, and every slice on a thread is closed.
@@ -144,6 +155,61 @@ TEST_F(SimRun, TheGpuAndTheReleaseFencesBoundTheFrameRate) {
     EXPECT_EQ(alone("three", with("3"))["presented_fps"].asDouble(), 60.0);
 }
 
+// Three kinds of app alone, on a clock without wake-up latency: a Choreographer app starts its
+// frames at vsyncs and skips those its heavy frame missed; a game with its own present times is
+// shown at them; a free-running game drawing ahead is stuffed, a vsync late every frame, with
+// no jank.
+TEST_F(SimRun, EachKindOfAppIsJudgedAgainstTheVsyncItMeant) {
+    const std::string scenario = write("kinds.json", R"({"duration_s": 1, "scheduler": {"wakeup_us": 0}, "apps": [
+        {"package": "c", "layers": [{"loop": "choreographer", "work": {"mean_ms": 6, "gpu_ms": 2,
+                                     "heavy_ms": 40, "heavy_every_s": 10, "heavy_from_s": 0.5}}]},
+        {"package": "p", "layers": [{"loop": "present_time", "fps_cap": 30, "work": {"mean_ms": 6, "gpu_ms": 2}}]},
+        {"package": "f", "layers": [{"work": {"mean_ms": 6, "gpu_ms": 2}}]}]})");
+    const Outcome o = run({scenario, "--disable", "--quiet", "--summary", file("kinds.out.json"), "--frames", file("kinds.csv")});
+    ASSERT_EQ(o.status, 0) << o.err;
+    const Json::Value s = json(file("kinds.out.json"));
+    auto timeline = [&](int i) {
+        const Json::Value& t = s["layers"][i]["frame_timeline"];
+        return std::vector<int>{t["on_time"].asInt(), t["late"].asInt(), t["by_cause"]["app_deadline"].asInt(),
+                                t["buffer_stuffing"]["frames"].asInt()};
+    };
+    EXPECT_EQ(timeline(0), std::vector<int>({56, 1, 1, 0})) << "only the heavy frame is late";
+    EXPECT_EQ(timeline(1), std::vector<int>({30, 0, 0, 0}));
+    EXPECT_EQ(s["layers"][1]["presented_fps"].asDouble(), 30.0);
+    EXPECT_EQ(timeline(2), std::vector<int>({1, 0, 0, 59}));
+    EXPECT_EQ(s["layers"][2]["frame_timeline"]["buffer_stuffing"]["late_ms_p50"].asDouble(), 16.667);
+    // The Choreographer app's starts: each at a vsync, never two in one vsync.
+    double last = -1;
+    for (const std::string& row : lines(slurp(file("kinds.csv")))) {
+        if (row.rfind("c,", 0) != 0) continue;
+        const double start = std::stod(row.substr(row.find(',', 2) + 1));
+        EXPECT_NEAR(start * 60, std::round(start * 60), 1e-4) << row;
+        EXPECT_GT(start - last, 0.016) << row;
+        last = start;
+    }
+}
+
+// What a device varies: where a game reads input against its dequeue wait, and how long a
+// released buffer takes to come back.
+TEST_F(SimRun, InputSampleAndBufferReturnAreTheDevicesToSet) {
+    const std::string drag = R"("timeline": [{"at_s": 0.3, "touch": "drag", "layer": "p", "duration_s": 1}], )";
+    auto p50 = [&](const char* name, const char* sample) {
+        const Json::Value l = alone(name, std::string(R"({"work": {"mean_ms": 6, "input_sample": ")") + sample + R"("}})", drag);
+        return l["touch_event_to_present_ms"]["p50"].asDouble();
+    };
+    EXPECT_EQ(p50("start", "frame_start"), 61.238);
+    EXPECT_EQ(p50("dequeued", "after_dequeue"), 47.532) << "the wait for a buffer no longer counts";
+    // Two buffers and 13 ms of work after the dequeue: a buffer back 2 ms after the latch still
+    // makes the next latch, 4 ms after it does not.
+    auto fps = [&](const char* name, const char* delayUs) {
+        return alone(name, R"({"buffers": 2, "work": {"mean_ms": 13, "dequeue_at": 0}})",
+                     std::string(R"("compositor": {"release_delay_us": )") + delayUs + "}, ")["presented_fps"]
+                .asDouble();
+    };
+    EXPECT_EQ(fps("soon", "2000"), 60.0);
+    EXPECT_EQ(fps("late", "4000"), 30.337);
+}
+
 TEST_F(SimRun, CompareRunsBothWaysAndPrintsThemSideBySide) {
     const std::string summary = file("both.json");
     const Outcome o = run({"--compare", "--duration", "1.5", "--summary", summary});
@@ -155,8 +221,18 @@ TEST_F(SimRun, CompareRunsBothWaysAndPrintsThemSideBySide) {
     const Json::Value& off = both["disabled"];
     EXPECT_TRUE(both["enabled"]["library_enabled"].asBool() && !off["library_enabled"].asBool());
     EXPECT_EQ(off["scene_reports"].size() + off["hints"]["delivered"].asInt() + off["layers"][0]["holds"]["count"].asInt(), 0u);
-    EXPECT_EQ(off["layers"][0]["input_to_present_ms"]["p50"].asDouble(), 57.654);
-    EXPECT_EQ(both["enabled"]["layers"][0]["input_to_present_ms"]["p50"].asDouble(), 60.968);
+    EXPECT_EQ(off["layers"][0]["input_to_present_ms"]["p50"].asDouble(), 55.618);
+    EXPECT_EQ(both["enabled"]["layers"][0]["input_to_present_ms"]["p50"].asDouble(), 55.641);
+    // The scenario as it is, then four kinds of app, each at four vsync phases on four seeds.
+    const Json::Value& runs = both["runs"];
+    ASSERT_EQ(runs.size(), 20u);
+    EXPECT_TRUE(runs[0]["loop"].isNull() && runs[4]["loop"].asString() == "choreographer" &&
+                runs[19]["loop"].asString() == "choreographer@30");
+    EXPECT_EQ(runs[6]["vsync_phase"].asDouble(), 0.5);
+    EXPECT_EQ(runs[6]["seed"].asInt(), 3);
+    EXPECT_EQ(runs[4]["enabled"]["loop"].asString(), "choreographer");
+    EXPECT_NE(o.out.find("over 4 vsync phases"), std::string::npos) << o.out;
+    EXPECT_NE(o.out.find("game capped at 30 fps (--loop game=choreographer@30)"), std::string::npos) << o.out;
 }
 
 // Two runs of the built-in scenario with its frames, log and trace: the second with the host's

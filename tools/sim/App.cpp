@@ -73,42 +73,35 @@ void App::work(int64_t ns) {
     android::platform::traceEnd();
 }
 
-// The frame time the app runs at: the target pushed for it, else its own cap, else the rate it
-// has kept, else the display's; never shorter than a vsync.
-int64_t App::frameInterval() const {
-    const double target = mLayer.targetFps.load();
-    const double cadenceFps = mLayer.cadenceFps.load();
-    const double rate = target > 0 ? target
-            : mLayer.setup.fpsCap > 0 ? mLayer.setup.fpsCap
-            : cadenceFps > 0 ? cadenceFps : 0;
-    const int64_t period = mCompositor.periodNs();
-    return rate > 0 ? std::max(period, static_cast<int64_t>(std::llround(1e9 / rate))) : period;
+void App::consumeInput(Frame& frame) {
+    frame.touchEventsNs = mLayer.input.consume();
+    if (!frame.touchEventsNs.empty()) frame.touchNs = frame.touchEventsNs.back();
 }
 
 // One frame; false when the app is done.
 bool App::frame() {
     const LayerSetup& setup = mLayer.setup;
-    if (setup.fpsCap > 0) {
-        // The app paces itself as a vsync-driven app does: a frame starts at a vsync, at least
-        // one cap period (less half a vsync, for the clock's jitter) after the one before.
-        const int64_t capPeriod = static_cast<int64_t>(std::llround(1e9 / setup.fpsCap));
-        const int64_t earliest = mLastCapStartNs == 0
-                ? android::platform::now()
-                : mLastCapStartNs + capPeriod - mCompositor.periodNs() / 2;
-        const int64_t start = mCompositor.nextVsyncAfter(earliest - 1);
-        if (mStop.waitUntil(start)) return false;
-        mLastCapStartNs = start;
+    const VsyncGrid grid = mCompositor.grid();
+    const int64_t period = grid.periodNs;
+    const int64_t appPeriod = setup.fpsCap > 0 ? static_cast<int64_t>(std::llround(1e9 / setup.fpsCap)) : period;
+    int64_t startTick = 0;
+    if (setup.loop == AppLoop::Choreographer) {
+        // The first vsync once the app is ready and its cap allows (less half a vsync, for the
+        // clock's jitter); the vsyncs missed meanwhile are skipped, never caught up.
+        int64_t ready = android::platform::now();
+        if (mLastStartNs > 0) ready = std::max(ready, mLastStartNs + appPeriod - period / 2);
+        startTick = grid.firstTickAtOrAfter(ready);
+        if (mStop.waitUntil(startTick)) return false;
+        mLastStartNs = startTick;
     }
 
     Frame frame;
     frame.number = ++mFrames;
     frame.startNs = android::platform::now();
-    frame.intervalNs = frameInterval();
     const std::optional<FrameWork> work = mLayer.work.next(frame.startNs - mRunStartNs);
     if (!work) return false;
     frame.heavy = work->heavy;
-    if (setup.smartTouch) aPelyxSetVsyncTime(mCompositor.nextVsyncAfter(frame.startNs));
-    frame.touchNs = mLayer.input.sampleAtFrameStart();
+    if (!setup.work.inputAfterDequeue) consumeInput(frame);
 
     // Input and simulation, then the buffer (the wait when every other one is queued), then
     // the rendering into it, whose GPU share goes to the GPU before the queue.
@@ -118,18 +111,27 @@ bool App::frame() {
     int64_t releaseNs = 0;
     if (!mLayer.queue.dequeue(&releaseNs)) return false;
     frame.dequeueWaitNs = android::platform::now() - beforeWait;
+    if (setup.work.inputAfterDequeue) consumeInput(frame);
     this->work(work->cpuNs - beforeDequeue);
     frame.gpuWorkNs = work->gpuNs;
     if (work->gpuNs > 0) frame.fenceFd = FakeDevices::instance().submitGpuWork(mLayer.index, work->gpuNs, releaseNs);
 
     bool autoTimestamp = true;
     int64_t desiredPresent = 0;
+    if (setup.loop == AppLoop::PresentTime) {
+        // A frame interval after the last present time, or the first present still reachable.
+        autoTimestamp = false;
+        desiredPresent = grid.presentOf(grid.firstTickAtOrAfter(android::platform::now()));
+        if (mLastDesiredNs > 0) desiredPresent = std::max(desiredPresent, mLastDesiredNs + appPeriod);
+        mLastDesiredNs = desiredPresent;
+    }
     uint32_t flags = 0;
     if (setup.smartTouch) {
         aPelyxQueueBuffer(true);
         aPelyxFilterBuffer(&autoTimestamp, &desiredPresent, &flags);
     }
     const int64_t before = android::platform::now();
+    frame.queueEnterNs = before;
     frame.instant = !autoTimestamp && desiredPresent <= before;
     frame.desiredPresentNs = autoTimestamp ? before : desiredPresent;
     android::platform::traceBegin(("queue " + setup.label).c_str());
@@ -146,11 +148,21 @@ bool App::frame() {
         if (mLayer.targetFps.load() <= 0) ++mLayer.quickTouchHolds;
     }
     frame.queueNs = after;
-    mLayer.queue.queue(frame);
+    // The latch the app meant the frame for: the one after the vsync that started it, the one
+    // that presents at its present time, or, shown as soon as possible, the first once queued.
+    if (setup.loop == AppLoop::Choreographer) {
+        frame.intendedTickNs = startTick + period;
+    } else if (!autoTimestamp && !frame.instant) {
+        frame.intendedTickNs = grid.tickPresentingAt(frame.desiredPresentNs);
+    } else {
+        frame.intendedTickNs = grid.firstTickAtOrAfter(after);
+    }
+    const bool instant = frame.instant;
+    mLayer.queue.queue(std::move(frame));
     mLayer.queueTimes.push_back(after);
     mLayer.cadenceFps.store(cadence(mLayer.queueTimes));
     mLayer.framesQueued.fetch_add(1);
-    if (frame.instant) {
+    if (instant) {
         ++mLayer.instantBuffers;
         mLayer.noteAct(before);
     }

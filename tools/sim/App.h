@@ -1,12 +1,14 @@
 #pragma once
 
 // One app's render thread for one layer, with the app's pid and uid as the calling identity of
-// the compositor's queue path. Each frame: sample input, work (sleep) for the first share of the
-// frame's CPU time, take a free buffer (waiting while every other one is queued), work the rest,
-// submit the frame's GPU work (which starts once the GPU is free and the buffer released), then
-// queue through pelyxTrackBufferIncrement, which the library may hold; with smart touch the
-// app-side functions wrap the queue. CPU work runs faster while the CPU model says so. The
-// thread ends at the stop signal, at the layer's stop time, or when its replay runs out.
+// the compositor's queue path. A frame starts when the app's loop says (see AppLoop), consumes
+// its input (at its start, or once it has its buffer), works (sleeps) for the first share of its
+// CPU time, takes a free buffer (waiting while every other one is queued or on its way back),
+// works the rest, submits its GPU work (which starts once the GPU is free and the buffer
+// released), then queues through pelyxTrackBufferIncrement, which the library may hold; with
+// smart touch the app-side functions wrap the queue. CPU work runs faster while the CPU model
+// says so. The thread ends at the stop signal, at the layer's stop time, or when its replay runs
+// out.
 
 #include <cstdint>
 
@@ -36,14 +38,15 @@ private:
     void run();
     bool frame();
     void work(int64_t ns);
-    int64_t frameInterval() const;
+    void consumeInput(Frame& frame);
 
     LayerRuntime& mLayer;
     const Compositor& mCompositor;
     const CpuModel& mCpu;
     const StopSignal& mStop;
     const int64_t mRunStartNs;
-    int64_t mLastCapStartNs = 0;
+    int64_t mLastStartNs = 0;    // a Choreographer app's last frame start (a vsync)
+    int64_t mLastDesiredNs = 0;  // a present-time app's last present time
     uint64_t mFrames = 0;
     android::platform::Thread mThread;
 };

@@ -4,25 +4,34 @@
 
 namespace pelyx_sim {
 
-BufferQueue::BufferQueue(int buffers) : mFree(static_cast<size_t>(buffers), 0) {}
+BufferQueue::BufferQueue(int buffers) : mFree(static_cast<size_t>(buffers), FreeBuffer{0, 0}) {}
 
 bool BufferQueue::dequeue(int64_t* releaseNs) {
     android::Mutex::Autolock lock(mLock);
-    while (mFree.empty() && !mClosed) mFreed.wait(mLock);
-    if (mClosed) return false;
-    *releaseNs = mFree.front();
+    for (;;) {
+        if (mClosed) return false;
+        if (!mFree.empty()) {
+            const int64_t wait = mFree.front().returnNs - android::platform::waitClockNow();
+            if (wait <= 0) break;
+            mFreed.waitRelative(mLock, wait);
+        } else {
+            mFreed.wait(mLock);
+        }
+    }
+    *releaseNs = mFree.front().releaseNs;
     mFree.pop_front();
     return true;
 }
 
-void BufferQueue::queue(const Frame& frame) {
+void BufferQueue::queue(Frame frame) {
     android::Mutex::Autolock lock(mLock);
-    mQueued.push_back(frame);
+    frame.queuedAhead = static_cast<int>(mQueued.size());
+    mQueued.push_back(std::move(frame));
 }
 
 void BufferQueue::cancel(int64_t releaseNs) {
     android::Mutex::Autolock lock(mLock);
-    mFree.push_front(releaseNs);
+    mFree.push_front({0, releaseNs});
     mFreed.broadcast();
 }
 
@@ -32,13 +41,13 @@ std::optional<Frame> BufferQueue::oldest() const {
     return mQueued.front();
 }
 
-int BufferQueue::latch(Frame* latched, int64_t presentNs) {
+int BufferQueue::latch(Frame* latched, int64_t returnNs, int64_t presentNs) {
     android::Mutex::Autolock lock(mLock);
     if (mQueued.empty()) return 0;
     *latched = mQueued.front();
     mQueued.pop_front();
     if (mOnScreen) {
-        mFree.push_back(presentNs);
+        mFree.push_back({returnNs, presentNs});
         mFreed.broadcast();
     }
     mOnScreen = true;

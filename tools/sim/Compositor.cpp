@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <string>
@@ -34,7 +35,9 @@ Compositor::Compositor(std::vector<LayerRuntime*> layers, double refreshHz, cons
         mLatchOffsetNs(static_cast<int64_t>(std::llround(device.latchOffsetMsAt(refreshHz) * 1e6))),
         mPresentDelay(device.presentDelayVsyncs),
         mRefreshHz(refreshHz),
-        mLatchCostNs(virtualClock ? static_cast<int64_t>(std::llround(device.latchCostUs * 1e3)) : 0) {}
+        mLatchCostNs(virtualClock ? static_cast<int64_t>(std::llround(device.latchCostUs * 1e3)) : 0),
+        mReleaseDelayNs(static_cast<int64_t>(std::llround(device.releaseDelayUs * 1e3))),
+        mAppVsync(std::any_of(mLayers.begin(), mLayers.end(), [](const LayerRuntime* l) { return l->setup.smartTouch; })) {}
 
 Compositor::~Compositor() {
     stop();
@@ -48,12 +51,6 @@ void Compositor::start(int64_t startNs) {
 void Compositor::stop() {
     mStop.store(true);
     if (mThread.joinable()) mThread.join();
-}
-
-int64_t Compositor::nextVsyncAfter(int64_t t) const {
-    const int64_t start = mStartNs.load();
-    if (t < start) return start + mPeriodNs;
-    return start + ((t - start) / mPeriodNs + 1) * mPeriodNs;
 }
 
 VsyncGrid Compositor::grid() const {
@@ -87,6 +84,7 @@ void Compositor::run() {
 void Compositor::lateTick(int64_t tickNs) {
     Slice slice("vsync (late)");
     pelyxTrackVsyncSignal();
+    if (mAppVsync) aPelyxSetVsyncTime(tickNs);
     mLateTicks.insert(tickNs);
     ++mMissed;
     mTicks.fetch_add(1);
@@ -95,6 +93,8 @@ void Compositor::lateTick(int64_t tickNs) {
 void Compositor::tick(int64_t tickNs, int64_t wokeNs) {
     Slice slice("vsync");
     pelyxTrackVsyncSignal();
+    // The app's Choreographer hears of the same vsync and hands its time to smart touch.
+    if (mAppVsync) aPelyxSetVsyncTime(tickNs);
 
     for (LayerRuntime* layer : mLayers) {
         while (!layer->pendingPresents.empty() && layer->pendingPresents.front().presentNs <= wokeNs) {
@@ -130,7 +130,7 @@ void Compositor::tick(int64_t tickNs, int64_t wokeNs) {
         Slice latch("latch " + layer->setup.label);
         android::platform::sleepFor(mLatchCostNs);
         PresentRecord record;
-        const int pending = layer->queue.latch(&record.frame, presentNs);
+        const int pending = layer->queue.latch(&record.frame, android::platform::now() + mReleaseDelayNs, presentNs);
         if (record.frame.fenceFd >= 0) {
             record.gpuStartNs = devices.gpuStartTime(record.frame.fenceFd);
             devices.releaseFence(record.frame.fenceFd);

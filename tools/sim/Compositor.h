@@ -1,7 +1,8 @@
 #pragma once
 
 // The compositor's vsync thread: ticks at the display's refresh rate on absolute monotonic
-// deadlines, a latch offset before each vsync. Each tick tells the library about the vsync,
+// deadlines, a latch offset before each vsync. Each tick tells the library about the vsync (and
+// the smart-touch app its Choreographer's vsync time),
 // records what reached the screen since the tick before, and latches the oldest ready buffer of
 // every layer: queued, its GPU fence signalled (an unsignalled one is reported to the library and
 // waits) and its desired present time due. What a tick latches is presented the offset (plus
@@ -37,8 +38,6 @@ public:
     // Returns once the thread has ended.
     void stop();
 
-    // The tick a frame started at `t` is drawn for: the first one after `t`. Any thread.
-    int64_t nextVsyncAfter(int64_t t) const;
     // Valid once started. Any thread.
     VsyncGrid grid() const;
 
@@ -60,6 +59,8 @@ private:
     const int mPresentDelay;
     const double mRefreshHz;
     const int64_t mLatchCostNs;
+    const int64_t mReleaseDelayNs;
+    const bool mAppVsync;  // a layer's app takes the vsync time for smart touch
     std::atomic<int64_t> mStartNs{0};
     std::atomic<bool> mStop{false};
     std::atomic<int64_t> mTicks{0};

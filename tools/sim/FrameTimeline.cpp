@@ -1,13 +1,9 @@
 #include "FrameTimeline.h"
 
-#include <algorithm>
-#include <cmath>
-
 namespace pelyx_sim {
 
 // A wait for a free buffer longer than this means the queue was full.
 constexpr int64_t kStuffedWaitNs = 500'000;
-constexpr int64_t kStartSlackNs = 1'000'000;
 
 const char* causeName(LateCause cause) {
     switch (cause) {
@@ -21,7 +17,7 @@ const char* causeName(LateCause cause) {
 }
 
 int64_t VsyncGrid::firstTickAtOrAfter(int64_t t) const {
-    if (t <= originNs) return originNs;
+    if (t <= originNs + periodNs) return originNs + periodNs;
     return originNs + (t - originNs + periodNs - 1) / periodNs * periodNs;
 }
 
@@ -29,35 +25,41 @@ FrameVerdict judgeFrame(const Frame& frame, int64_t readyNs, int64_t presentNs, 
                         const std::set<int64_t>& lateTicks) {
     FrameVerdict v;
     const int64_t period = grid.periodNs;
-    // Whole vsyncs of frame time, with a little slack for a rate measured as 59.9 fps.
-    // The first latch a frame time after the start (less a little for the app's wake-up after
-    // a tick), wherever between two ticks the frame started.
-    const int64_t earliest = frame.startNs + std::max(frame.intervalNs, period) - kStartSlackNs;
-    v.deadlineTickNs = grid.firstTickAtOrAfter(earliest);
-    v.expectedPresentNs = grid.presentOf(v.deadlineTickNs);
+    const int64_t deadline = frame.intendedTickNs;
+    v.expectedPresentNs = grid.presentOf(deadline);
     const int64_t late = presentNs - v.expectedPresentNs;
     if (late < period / 2) return v;
+    v.lateNs = late;
     v.lateVsyncs = static_cast<int>((late + period / 2) / period);
-    if (frame.queueNs > v.deadlineTickNs) {
-        v.cause = frame.dequeueWaitNs > kStuffedWaitNs ? LateCause::BufferStuffing : LateCause::AppDeadline;
-    } else if (readyNs > v.deadlineTickNs) {
+    const bool waitedForBuffer = frame.dequeueWaitNs > kStuffedWaitNs;
+    if (frame.queueEnterNs > deadline) {
+        v.cause = waitedForBuffer ? LateCause::BufferStuffing : LateCause::AppDeadline;
+    } else if (frame.gpuWorkNs > 0 && readyNs > deadline) {
         v.cause = LateCause::GpuLate;
-    } else if (lateTicks.count(v.deadlineTickNs)) {
+    } else if (frame.queueNs > deadline || lateTicks.count(deadline)) {
         v.cause = LateCause::Composition;
-    } else {
+    } else if (frame.queuedAhead > 0 || waitedForBuffer) {
         v.cause = LateCause::BufferStuffing;
+    } else {
+        // Ready and first in line, yet not latched: the compositor's doing.
+        v.cause = LateCause::Composition;
     }
     return v;
 }
 
 void FrameTimelineCounts::add(const FrameVerdict& verdict) {
-    if (verdict.cause == LateCause::OnTime) {
-        ++onTime;
-        return;
+    switch (verdict.cause) {
+        case LateCause::OnTime:
+            ++onTime;
+            return;
+        case LateCause::BufferStuffing:
+            stuffedLateMs.push_back(static_cast<double>(verdict.lateNs) / 1e6);
+            return;
+        default:
+            ++late;
+            lateVsyncs += verdict.lateVsyncs;
+            ++byCause[static_cast<size_t>(verdict.cause) - 1];
     }
-    ++late;
-    lateVsyncs += verdict.lateVsyncs;
-    ++byCause[static_cast<size_t>(verdict.cause) - 1];
 }
 
 } // namespace pelyx_sim

@@ -1,22 +1,26 @@
 #pragma once
 
-// Judges each presented frame against when it was expected on screen, the way a frame timeline
-// does: a frame is expected to be latched at the first tick a frame time (the app's target, cap
-// or rate) after its start, and shown at that latch's present. A frame shown later is late by whole vsyncs, for the first cause that
-// applies: the app queued it after that latch (its deadline), its GPU work had not finished,
-// the compositor missed the latch, or older frames stood before it in the queue (buffer
-// stuffing; also when the app had waited for a free buffer). Plain functions and values.
+// Judges each presented frame the way the platform's frame timeline does. A frame has an
+// intended vsync, chosen by its app: the latch after the vsync that started a Choreographer
+// frame, the latch that presents at a buffer's own present time, or, for a buffer that asks to
+// be shown as soon as possible, the first latch once the compositor has it. A frame shown after
+// its intended vsync's present is janky, by the first cause that applies: the app queued it
+// after that latch (its deadline), its GPU work had not finished, or the compositor missed the
+// latch (it overslept, or held the buffer past it). Buffer stuffing is a state rather than a
+// jank: a frame that waited for a free buffer or stood behind older frames of its own app is
+// late however fast its work was, and what that costs is latency. Plain functions and values.
 
 #include <array>
 #include <cstdint>
 #include <set>
+#include <vector>
 
 #include "BufferQueue.h"
 
 namespace pelyx_sim {
 
 enum class LateCause { OnTime, AppDeadline, GpuLate, Composition, BufferStuffing };
-constexpr int kLateCauses = 4;  // the causes after OnTime
+constexpr int kJankCauses = 3;  // the causes after OnTime that are janks
 
 // "on_time", "app_deadline", "gpu_late", "composition", "buffer_stuffing".
 const char* causeName(LateCause cause);
@@ -34,13 +38,17 @@ struct VsyncGrid {
     int64_t presentOf(int64_t tickNs) const {
         return tickNs + latchOffsetNs + (presentDelay - 1) * periodNs;
     }
+    // The tick whose present is the first at or after `presentNs`.
+    int64_t tickPresentingAt(int64_t presentNs) const {
+        return firstTickAtOrAfter(presentNs - latchOffsetNs - (presentDelay - 1) * periodNs);
+    }
 };
 
 struct FrameVerdict {
-    int64_t deadlineTickNs = 0;
     int64_t expectedPresentNs = 0;
     LateCause cause = LateCause::OnTime;
     int lateVsyncs = 0;
+    int64_t lateNs = 0;  // past the expected present; 0 when on time
 };
 
 // `readyNs`: when its GPU work ended (the queue time without any); `lateTicks`: the ticks the
@@ -50,12 +58,15 @@ FrameVerdict judgeFrame(const Frame& frame, int64_t readyNs, int64_t presentNs, 
 
 struct FrameTimelineCounts {
     int onTime = 0;
-    int late = 0;
+    int late = 0;  // janks
     int lateVsyncs = 0;
-    std::array<int, kLateCauses> byCause{};
+    std::array<int, kJankCauses> byCause{};
+    // Frames shown late for buffer stuffing, and how late each was (ms).
+    std::vector<double> stuffedLateMs;
 
     void add(const FrameVerdict& verdict);
     int of(LateCause cause) const { return byCause[static_cast<size_t>(cause) - 1]; }
+    int stuffed() const { return static_cast<int>(stuffedLateMs.size()); }
 };
 
 } // namespace pelyx_sim

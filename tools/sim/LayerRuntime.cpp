@@ -4,21 +4,14 @@ namespace pelyx_sim {
 
 void TouchInput::deliver(int64_t eventNs) {
     android::Mutex::Autolock lock(mLock);
-    mNewest = eventNs;
-    mHeld = 0;
+    mPending.push_back(eventNs);
 }
 
-void TouchInput::hold(int64_t eventNs) {
+std::vector<int64_t> TouchInput::consume() {
     android::Mutex::Autolock lock(mLock);
-    mHeld = eventNs;
-}
-
-int64_t TouchInput::sampleAtFrameStart() {
-    android::Mutex::Autolock lock(mLock);
-    const int64_t newest = mNewest;
-    mNewest = mHeld;
-    mHeld = 0;
-    return newest;
+    std::vector<int64_t> events;
+    events.swap(mPending);
+    return events;
 }
 
 } // namespace pelyx_sim

@@ -21,23 +21,19 @@
 
 namespace pelyx_sim {
 
-// Touch events on their way to an app: the input thread delivers them, or holds a MOVE batch
-// when the library says so; the app's render thread samples the newest delivered event when it
-// starts a frame. A held batch goes out with the next delivery or at the app's next frame start,
-// too late for that frame's sample. Thread-safe.
+// Touch events in an app's input channel. A frame's input stage consumes the whole batch
+// before the frame reads it, MOVEs the library held back included: holding a batch only keeps
+// the app from consuming it before its next frame, and a frame reads the same input either way.
+// Thread-safe.
 class TouchInput {
 public:
-    // Delivers the event, and any batch held before it.
     void deliver(int64_t eventNs) EXCLUDES(mLock);
-    void hold(int64_t eventNs) EXCLUDES(mLock);
-    // At a frame start: the newest event delivered since the previous sample (0: none); then
-    // the held batch is delivered.
-    int64_t sampleAtFrameStart() EXCLUDES(mLock);
+    // The events since the last call, oldest first.
+    std::vector<int64_t> consume() EXCLUDES(mLock);
 
 private:
     android::Mutex mLock;
-    int64_t mNewest GUARDED_BY(mLock) = 0;
-    int64_t mHeld GUARDED_BY(mLock) = 0;
+    std::vector<int64_t> mPending GUARDED_BY(mLock);
 };
 
 struct PresentRecord {

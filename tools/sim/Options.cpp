@@ -28,6 +28,11 @@ options:
   --seed N             seed of the work-time models
   --phase-split S      with a scenario that names no phases: split the figures at S seconds
                        (default: where the library first acts)
+  --vsync-phase F      moves the vsyncs F of a period (0 to 1) earlier against the scenario's
+                       hints, touches and app starts
+  --loop LAYER=KIND[@FPS]  LAYER's app starts its frames as KIND: choreographer (at vsyncs),
+                       free (as fast as its buffers allow) or present_time (each buffer with
+                       its own present time), at most FPS a second (default: the display's)
   --summary FILE       writes the JSON summary
   --trace FILE         writes a Trace Event Format trace (opens in the Perfetto UI); turns the
                        library's debug switch on unless a scenario or --prop sets it
@@ -36,9 +41,10 @@ options:
                        with --compare, FILE's name with .enabled and .disabled before .csv
   --sweep SWEEP.json   plays every setting of a sweep file (see the README), ranks them and
                        re-runs the best and the baseline on other seeds
-  --jobs N             runs at a time for --sweep (default: the machine's cores)
-  --compare            runs the scenario twice, library enabled then disabled (split into
-                       the same phases), and prints the differences side by side
+  --jobs N             runs at a time for --sweep and --compare (default: the machine's cores)
+  --compare            runs the scenario library enabled then disabled (split into the same
+                       phases) and prints the differences side by side; then the same for four
+                       kinds of app in the first game's place, each at four vsync phases
   --clock virtual|real virtual (default): one thread runs at a time on a simulated clock, so a
                        run is a function of its scenario, seed and options and takes a fraction
                        of its simulated time; real: the host's clock and scheduler
@@ -74,6 +80,22 @@ std::pair<std::string, std::string> splitAssignment(const std::string& option,
 }
 
 } // namespace
+
+bool parseLoopSpec(const std::string& spec, AppLoop* loop, double* fps) {
+    const size_t at = spec.find('@');
+    double rate = 0;
+    if (at != std::string::npos) {
+        try {
+            rate = parseNumber("", spec.substr(at + 1));
+        } catch (const UsageError&) {
+            return false;
+        }
+        if (rate <= 0 || rate > 1000) return false;
+    }
+    if (!parseLoop(spec.substr(0, at), loop)) return false;
+    *fps = rate;
+    return true;
+}
 
 Options parseOptions(const std::vector<std::string>& args) {
     Options o;
@@ -129,6 +151,19 @@ Options parseOptions(const std::vector<std::string>& args) {
             const double at = parseNumber(arg, value());
             if (at < 0 || at > 3600) throw UsageError(arg + ": must be from 0 to 3600");
             o.phaseSplitS = at;
+        } else if (arg == "--vsync-phase") {
+            const double f = parseNumber(arg, value());
+            if (f < 0 || f >= 1) throw UsageError(arg + ": must be at least 0 and below 1");
+            o.vsyncPhase = f;
+        } else if (arg == "--loop") {
+            auto loop = splitAssignment(arg, value());
+            AppLoop kind;
+            double fps = 0;
+            if (!parseLoopSpec(loop.second, &kind, &fps)) {
+                throw UsageError(arg + ": expected LAYER=KIND[@FPS] with KIND choreographer, free or present_time, got \"" +
+                                 loop.second + "\"");
+            }
+            o.loops.push_back(loop);
         } else if (arg == "--summary") {
             o.summaryPath = file();
         } else if (arg == "--trace") {
@@ -170,7 +205,8 @@ Options parseOptions(const std::vector<std::string>& args) {
     if (o.compare && o.disable) throw UsageError("--compare and --disable exclude each other");
     if (!o.sweepPath.empty() &&
         (o.compare || o.disable || !o.scenarioPath.empty() || !o.tracePath.empty() || !o.framesPath.empty() ||
-         !o.logPath.empty() || !o.replays.empty() || !o.props.empty() || o.durationS || o.seed || o.refreshHz)) {
+         !o.logPath.empty() || !o.replays.empty() || !o.props.empty() || o.durationS || o.seed || o.refreshHz ||
+         o.vsyncPhase || !o.loops.empty())) {
         throw UsageError("--sweep takes its scenario and settings from the sweep file; only --jobs, --clock, "
                          "--summary and --quiet go with it");
     }
@@ -184,6 +220,12 @@ void applyOverrides(Scenario& s, const Options& o) {
     if (o.durationS) s.durationS = *o.durationS;
     if (o.refreshHz) s.refreshHz = *o.refreshHz;
     if (o.seed) s.seed = *o.seed;
+    if (o.vsyncPhase) s.vsyncPhase = *o.vsyncPhase;
+    for (const auto& [layerKey, spec] : o.loops) {
+        LayerSetup* layer = s.findLayer(layerKey);
+        if (!layer) throw ScenarioError("--loop", "no layer is labelled or numbered \"" + layerKey + "\"");
+        parseLoopSpec(spec, &layer->loop, &layer->fpsCap);
+    }
     for (const auto& [key, value] : o.props) s.setProperty(key, value);
     for (const auto& [layerKey, file] : o.replays) {
         LayerSetup* layer = s.findLayer(layerKey);
@@ -206,6 +248,8 @@ std::vector<std::string> scenarioArguments(const Options& o) {
     if (o.durationS) args.insert(args.end(), {"--duration", number(*o.durationS)});
     if (o.refreshHz) args.insert(args.end(), {"--refresh", number(*o.refreshHz)});
     if (o.seed) args.insert(args.end(), {"--seed", std::to_string(*o.seed)});
+    if (o.vsyncPhase) args.insert(args.end(), {"--vsync-phase", number(*o.vsyncPhase)});
+    for (const auto& [k, v] : o.loops) args.insert(args.end(), {"--loop", k + "=" + v});
     if (o.realClock) args.insert(args.end(), {"--clock", "real"});
     if (o.watchdogS != 10.0) args.insert(args.end(), {"--watchdog", number(o.watchdogS)});
     for (const auto& [k, v] : o.props) args.insert(args.end(), {"--prop", k + "=" + v});

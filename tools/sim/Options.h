@@ -23,6 +23,8 @@ struct Options {
     std::optional<double> refreshHz;
     std::optional<uint32_t> seed;
     std::optional<double> phaseSplitS;
+    std::optional<double> vsyncPhase;
+    std::vector<std::pair<std::string, std::string>> loops;    // --loop LAYER=KIND[@FPS]
     std::vector<std::pair<std::string, std::string>> props;    // --prop KEY=VALUE, in order
     std::vector<std::pair<std::string, std::string>> replays;  // --replay LAYER=FILE
     std::string summaryPath;
@@ -44,6 +46,9 @@ extern const char* const kUsage;
 
 // Accepts "--name value" and "--name=value". Throws UsageError.
 Options parseOptions(const std::vector<std::string>& args);
+
+// "KIND" or "KIND@FPS" (FPS above 0, at most 1000; without it 0, the display's rate).
+bool parseLoopSpec(const std::string& spec, AppLoop* loop, double* fps);
 
 // Applies --duration, --refresh, --seed, --prop and --replay (reading the captures) and checks
 // the result again. Throws ScenarioError (key: the option) or CaptureError.

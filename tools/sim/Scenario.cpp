@@ -167,6 +167,11 @@ WorkModel parseWork(const Json::Value& v, const std::string& path) {
     w.heavyFromS = f.number("heavy_from_s", 0.0, 0.0, 3600.0);
     w.heavyBurst = static_cast<int>(f.integer("heavy_burst", 1, 1, 1000));
     w.dequeueAt = f.number("dequeue_at", w.dequeueAt, 0.0, 1.0);
+    const std::string sample = f.string("input_sample", "frame_start", true);
+    if (sample != "frame_start" && sample != "after_dequeue") {
+        throw ScenarioError(f.path("input_sample"), "must be \"frame_start\" or \"after_dequeue\", got \"" + sample + "\"");
+    }
+    w.inputAfterDequeue = sample == "after_dequeue";
     f.finish();
     if (w.heavyMs > 0 && w.heavyEveryS <= 0) {
         throw ScenarioError(f.path("heavy_every_s"), "must be above 0 when heavy_ms is set");
@@ -196,6 +201,11 @@ LayerSetup parseLayer(const Json::Value& v, const std::string& path, const std::
     l.visible = f.boolean("visible", true);
     l.buffers = static_cast<int>(f.integer("buffers", 3, 2, 8));
     l.fpsCap = f.number("fps_cap", 0.0, 0.0, 1000.0);
+    // An app that caps its own rate without saying how is a Choreographer app.
+    const std::string loop = f.string("loop", l.fpsCap > 0 ? "choreographer" : "free", true);
+    if (!parseLoop(loop, &l.loop)) {
+        throw ScenarioError(f.path("loop"), "must be \"choreographer\", \"free\" or \"present_time\", got \"" + loop + "\"");
+    }
     l.startS = f.number("start_s", 0.0, 0.0, 3600.0);
     l.stopS = f.number("stop_s", -1.0, 0.0, 3600.0);
     if (l.stopS >= 0 && l.stopS <= l.startS) {
@@ -303,6 +313,24 @@ DeviceModel parseDevice(Fields& f) {
         d.gpuMaxMhz = g.number("max_mhz", d.gpuMaxMhz, 1.0, 10000.0);
         d.gpuRampMs = g.number("ramp_ms", d.gpuRampMs, 0.0, 1000.0);
         d.gpuWithdrawMs = g.number("withdraw_ms", d.gpuWithdrawMs, 0.0, 1000.0);
+        // An object sets the governor; 0 turns it off.
+        if (const Json::Value* gov = g.get("governor")) {
+            if (gov->isObject()) {
+                Fields r(*gov, "gpu.governor");
+                d.gpuGovernorMs = r.number("sample_ms", d.gpuGovernorMs, 0.1, 1000.0);
+                d.gpuGovernorUp = r.number("up", d.gpuGovernorUp, 0.0, 1.0);
+                d.gpuGovernorDown = r.number("down", d.gpuGovernorDown, 0.0, 1.0);
+                d.gpuGovernorSteps = static_cast<int>(r.integer("steps", d.gpuGovernorSteps, 1, 100));
+                r.finish();
+                if (d.gpuGovernorDown > d.gpuGovernorUp) {
+                    throw ScenarioError("gpu.governor.down", "must be at most up");
+                }
+            } else if (gov->isNumeric() && !gov->isBool() && gov->asDouble() == 0.0) {
+                d.gpuGovernorMs = 0;
+            } else {
+                throw ScenarioError("gpu.governor", "must be an object or 0, got " + show(*gov));
+            }
+        }
         g.finish();
         if (d.gpuMaxMhz < d.gpuBaseMhz) throw ScenarioError("gpu.max_mhz", "must be at least base_mhz");
     }
@@ -319,6 +347,7 @@ DeviceModel parseDevice(Fields& f) {
         d.latchOffsetMs = c.number("latch_offset_ms", d.latchOffsetMs, 0.0, 1000.0, true);
         d.presentDelayVsyncs = static_cast<int>(c.integer("present_delay_vsyncs", 1, 1, 8));
         d.latchCostUs = c.number("latch_cost_us", d.latchCostUs, 0.0, 100000.0);
+        d.releaseDelayUs = c.number("release_delay_us", d.releaseDelayUs, 0.0, 1000000.0);
         c.finish();
     }
     if (const Json::Value* v = f.get("scheduler")) {
@@ -456,6 +485,25 @@ void validateScenario(const Scenario& s) {
                                 "no layer is labelled \"" + e.touch.layer + "\"");
         }
     }
+}
+
+const char* loopName(AppLoop loop) {
+    switch (loop) {
+        case AppLoop::Choreographer: return "choreographer";
+        case AppLoop::Free: return "free";
+        case AppLoop::PresentTime: return "present_time";
+    }
+    return "?";
+}
+
+bool parseLoop(const std::string& name, AppLoop* loop) {
+    for (AppLoop l : {AppLoop::Choreographer, AppLoop::Free, AppLoop::PresentTime}) {
+        if (name == loopName(l)) {
+            *loop = l;
+            return true;
+        }
+    }
+    return false;
 }
 
 Json::Value parseStrictJson(const std::string& text) {

@@ -52,9 +52,24 @@ struct WorkModel {
     // input and simulates, then dequeues when it starts to render; the dequeue blocks while every
     // other buffer is queued).
     double dequeueAt = 0.5;
+    // Where the frame samples its input: at its start (the input stage runs first), or once it
+    // has its buffer (a game that dequeues before it reads input).
+    bool inputAfterDequeue = false;
     std::string replayFile;  // set by --replay
     std::shared_ptr<const std::vector<double>> replayMs;
 };
+
+// How an app decides when to start a frame.
+enum class AppLoop {
+    Choreographer,  // at the first vsync after it is ready; missed vsyncs are skipped
+    Free,           // at once, as fast as its buffers allow (it blocks in dequeue)
+    PresentTime,    // at once, each buffer carrying a present time a frame interval after the last
+};
+
+// "choreographer", "free", "present_time".
+const char* loopName(AppLoop loop);
+// The loop of that name; false for none.
+bool parseLoop(const std::string& name, AppLoop* loop);
 
 struct LayerSetup {
     std::string label;  // short name used by the timeline, --replay and the report
@@ -64,7 +79,10 @@ struct LayerSetup {
     bool focused = false;
     bool visible = true;
     int buffers = 3;      // buffers in the layer's queue, the one on screen included
-    double fpsCap = 0.0;  // the app's own cap: its frames start at vsyncs this far apart; 0: none
+    AppLoop loop = AppLoop::Free;
+    // The app's own rate: a Choreographer app's frames start at vsyncs at least this far apart,
+    // a present-time app's presents are this far apart; 0: the display's rate.
+    double fpsCap = 0.0;
     double startS = 0.0;
     double stopS = -1.0;  // negative: runs to the end
     bool smartTouch = false;  // the app calls the app-side smart-touch functions
@@ -136,6 +154,16 @@ struct DeviceModel {
     // it latches, and the scheduler's wake-up latency on every wake-up of every thread (a
     // log-normal with this median and 99th percentile; a median of 0 turns it off).
     double latchCostUs = 150.0;
+    // After a latch the buffer it replaced reaches its app this much later: the compositor's
+    // composition, the release callback's binder call and the app's wake-up.
+    double releaseDelayUs = 2000.0;
+    // The GPU's own governor: every `gpuGovernorMs` it steps the clock one of `gpuGovernorSteps`
+    // even steps up when the GPU was busy at least `gpuGovernorUp` of the sample, down when
+    // less than `gpuGovernorDown`; 0 ms: no governor.
+    double gpuGovernorMs = 16.0;
+    double gpuGovernorUp = 0.9;
+    double gpuGovernorDown = 0.5;
+    int gpuGovernorSteps = 4;
     double wakeupMedianUs = 60.0;
     double wakeupP99Us = 400.0;
 
@@ -165,6 +193,9 @@ struct Scenario {
     DeviceModel device;
     // Sorted by start, the first from 0. Empty: split where the library first acts.
     std::vector<Phase> phases;
+    // The vsync grid's phase against the scenario's times (hints, touches, app starts), in
+    // vsyncs from 0 to 1: the ticks fall this much of a period earlier.
+    double vsyncPhase = 0.0;
 
     // Every layer in app order; pointers stay valid while the scenario is not modified.
     std::vector<const LayerSetup*> layers() const;

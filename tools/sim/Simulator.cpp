@@ -160,6 +160,13 @@ double lastSecondRate(const std::vector<int64_t>& queueTimes) {
     return static_cast<double>(frames) * 1e9 / static_cast<double>(end - *first);
 }
 
+// Per frame: from the newest touch the frame reflects; per event: from each touch event to the
+// first frame that reflects it.
+void addLatencies(const PresentRecord& p, std::vector<double>* perFrameMs, std::vector<double>* perEventMs) {
+    if (p.frame.touchNs > 0) perFrameMs->push_back(static_cast<double>(p.presentNs - p.frame.touchNs) / 1e6);
+    for (int64_t event : p.frame.touchEventsNs) perEventMs->push_back(static_cast<double>(p.presentNs - event) / 1e6);
+}
+
 // The phases figures are split into: the scenario's, else before and after `splitS` (none
 // when the library never acted).
 std::vector<Phase> phasesOf(const Scenario& s, double splitS) {
@@ -185,7 +192,7 @@ std::vector<PhaseResult> splitByPhase(const LayerRuntime& l, const std::vector<P
         while (i > 0 && t < results[i].fromS) --i;
         PhaseResult& r = results[i];
         ++r.framesPresented;
-        if (p.frame.touchNs > 0) r.inputToPresentMs.push_back(static_cast<double>(p.presentNs - p.frame.touchNs) / 1e6);
+        addLatencies(p, &r.inputToPresentMs, &r.touchEventToPresentMs);
         r.timeline.add(p.verdict);
         r.rhythmJanks += p.rhythmLate;
     }
@@ -201,6 +208,7 @@ LayerResult collectLayer(const LayerRuntime& l, const Scenario& s, const Service
     r.package = l.app.package;
     r.id = l.setup.id;
     r.game = l.app.game;
+    r.loop = loopName(l.setup.loop);
     r.promoted = service.tracked(l.app.package);
     r.fpsModes = service.modes(l.app.package);
     r.framesQueued = l.framesQueued.load();
@@ -212,7 +220,7 @@ LayerResult collectLayer(const LayerRuntime& l, const Scenario& s, const Service
     r.rhythmJanks = l.janks.janks();
     for (const PresentRecord& p : l.presents) {
         r.timeline.add(p.verdict);
-        if (p.frame.touchNs > 0) r.inputToPresentMs.push_back(static_cast<double>(p.presentNs - p.frame.touchNs) / 1e6);
+        addLatencies(p, &r.inputToPresentMs, &r.touchEventToPresentMs);
     }
     r.phases = splitByPhase(l, phases, runStart, endS);
     r.holdsMs = l.holdsMs;
@@ -314,6 +322,7 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     RunResult result;
     result.virtualClock = settings.virtualClock;
     result.scenario = scenario.name;
+    result.vsyncPhase = scenario.vsyncPhase;
     result.width = scenario.width;
     result.height = scenario.height;
     result.refreshHz = scenario.refreshHz;
@@ -375,7 +384,8 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
                 std::make_unique<App>(*l, *session->compositor, *session->cpu, session->appStop, runStart));
     }
     session->timeline = std::make_unique<Timeline>(scenario, session->layerPointers(), runStart);
-    session->compositor->start(runStart);
+    session->compositor->start(runStart - static_cast<int64_t>(std::llround(
+                                                      scenario.vsyncPhase * static_cast<double>(session->compositor->periodNs()))));
     for (const auto& app : session->apps) app->start();
     session->timeline->start();
 

@@ -24,9 +24,9 @@ Json::Value boostsJson(const BoostCounts& b) {
     return v;
 }
 
-Json::Value latencyJson(const std::vector<double>& ms) {
+Json::Value latencyJson(const std::vector<double>& ms, const char* counted = "frames") {
     Json::Value latency(Json::objectValue);
-    latency["frames"] = static_cast<int>(ms.size());
+    latency[counted] = static_cast<int>(ms.size());
     latency["p50"] = number(percentile(ms, 50));
     latency["p95"] = number(percentile(ms, 95));
     return latency;
@@ -38,8 +38,13 @@ Json::Value timelineJson(const FrameTimelineCounts& t) {
     v["late"] = t.late;
     v["late_vsyncs"] = t.lateVsyncs;
     Json::Value causes(Json::objectValue);
-    for (int c = 1; c <= kLateCauses; ++c) causes[causeName(static_cast<LateCause>(c))] = t.of(static_cast<LateCause>(c));
+    for (int c = 1; c <= kJankCauses; ++c) causes[causeName(static_cast<LateCause>(c))] = t.of(static_cast<LateCause>(c));
     v["by_cause"] = causes;
+    Json::Value stuffing(Json::objectValue);
+    stuffing["frames"] = t.stuffed();
+    stuffing["late_ms_p50"] = number(percentile(t.stuffedLateMs, 50));
+    stuffing["late_ms_p95"] = number(percentile(t.stuffedLateMs, 95));
+    v["buffer_stuffing"] = stuffing;
     return v;
 }
 
@@ -50,6 +55,7 @@ Json::Value layerJson(const LayerResult& l) {
     v["id"] = l.id;
     v["package"] = l.package;
     v["game"] = l.game;
+    v["loop"] = l.loop;
     v["promoted"] = l.promoted;
     v["fps_mode"] = l.fpsMode();
     Json::Value modes(Json::arrayValue);
@@ -73,6 +79,7 @@ Json::Value layerJson(const LayerResult& l) {
         phase["to_s"] = number(p.toS);
         phase["frames_presented"] = Json::Int64(p.framesPresented);
         phase["input_to_present_ms"] = latencyJson(p.inputToPresentMs);
+        phase["touch_event_to_present_ms"] = latencyJson(p.touchEventToPresentMs, "events");
         phase["frame_timeline"] = timelineJson(p.timeline);
         phase["rhythm_janks"] = p.rhythmJanks;
         phases.append(phase);
@@ -89,6 +96,7 @@ Json::Value layerJson(const LayerResult& l) {
     boosts["service"] = l.serviceBoosts;
     v["boosts"] = boosts;
     v["input_to_present_ms"] = latencyJson(l.inputToPresentMs);
+    v["touch_event_to_present_ms"] = latencyJson(l.touchEventToPresentMs, "events");
     v["target_fps"] = l.targetFps ? number(*l.targetFps) : Json::Value();
     v["last_second_fps"] = number(l.lastSecondFps);
     v["target_fps_active"] = l.targetFpsActive;
@@ -148,6 +156,7 @@ Json::Value toJson(const RunResult& r) {
     root["scenario"] = r.scenario;
     root["library_enabled"] = r.libraryEnabled;
     root["clock"] = r.virtualClock ? "virtual" : "real";
+    root["vsync_phase"] = number(r.vsyncPhase);
     root["duration_s"] = number(r.durationS);
     // From the host, unlike everything else on the virtual clock: not the same from run to run.
     root["wall_s"] = number(r.wallS);
@@ -349,12 +358,21 @@ std::string pad(const std::string& text, size_t width) {
     return text.size() >= width ? text + " " : text + std::string(width - text.size(), ' ');
 }
 
-// "app deadline 2, GPU 1, composition 0, buffer stuffing 5".
+// "app deadline 2, GPU 1, composition 0; buffer stuffing 5 frames (+16.7 ms p50)".
 std::string causes(const Json::Value& timeline) {
     const Json::Value& c = timeline["by_cause"];
-    return "app deadline " + std::to_string(c["app_deadline"].asInt()) + ", GPU " +
+    const Json::Value& stuffing = timeline["buffer_stuffing"];
+    std::string text = "app deadline " + std::to_string(c["app_deadline"].asInt()) + ", GPU " +
             std::to_string(c["gpu_late"].asInt()) + ", composition " + std::to_string(c["composition"].asInt()) +
-            ", buffer stuffing " + std::to_string(c["buffer_stuffing"].asInt());
+            "; buffer stuffing " + std::to_string(stuffing["frames"].asInt()) + " frames";
+    if (stuffing["late_ms_p50"].isNumeric()) text += " (+" + ms(stuffing["late_ms_p50"]) + " ms p50)";
+    return text;
+}
+
+// "54.6/60.1 ms (56)", or "-" with nothing measured.
+std::string latency(const Json::Value& l, const char* counted) {
+    if (!l[counted].asInt()) return "-";
+    return ms(l["p50"]) + "/" + ms(l["p95"]) + " ms (" + std::to_string(l[counted].asInt()) + ")";
 }
 
 } // namespace
@@ -365,10 +383,12 @@ void printReport(const Json::Value& s, std::ostream& out) {
         << fmt("%.1f", s["duration_s"].asDouble()) << " s at " << fmt("%g", d["refresh_hz"].asDouble())
         << " Hz (" << d["width"].asInt() << "x" << d["height"].asInt() << "), library "
         << (s["library_enabled"].asBool() ? "enabled" : "disabled") << ", " << s["clock"].asString()
-        << " clock (" << fmt("%.2f", s["wall_s"].asDouble()) << " s of wall time)\n\n";
+        << " clock (" << fmt("%.2f", s["wall_s"].asDouble()) << " s of wall time)";
+    if (s["vsync_phase"].asDouble() != 0) out << ", vsyncs " << fmt("%g", s["vsync_phase"].asDouble()) << " of a period early";
+    out << "\n\n";
 
     out << pad("layer", 10) << pad("promoted", 9) << pad("mode", 5) << pad("queued", 7)
-        << pad("shown", 7) << pad("fps", 6) << pad("late/vsyncs", 12) << pad("holds n/p50/p99 ms", 20)
+        << pad("shown", 7) << pad("fps", 6) << pad("janks/vsyncs", 13) << pad("holds n/p50/p99 ms", 20)
         << pad("boosts L1/L2/L3/wd", 19) << pad("touch->present p50/p95 ms", 26)
         << pad("target", 8) << "QT\n";
     for (const Json::Value& l : s["layers"]) {
@@ -389,7 +409,7 @@ void printReport(const Json::Value& s, std::ostream& out) {
             << pad(ms(l["presented_fps"]), 6)
             << pad(std::to_string(l["frame_timeline"]["late"].asInt()) + "/" +
                            std::to_string(l["frame_timeline"]["late_vsyncs"].asInt()),
-                   12)
+                   13)
             << pad(std::to_string(h["count"].asInt()) + "/" + ms(h["p50_ms"]) + "/" + ms(h["p99_ms"]), 20)
             << pad(boosts, 19) << pad(ms(lat["p50"]) + "/" + ms(lat["p95"]) + " (" +
                                               std::to_string(lat["frames"].asInt()) + ")",
@@ -399,7 +419,8 @@ void printReport(const Json::Value& s, std::ostream& out) {
     out << "\n";
     for (const Json::Value& l : s["layers"]) {
         out << l["label"].asString() << " (" << l["package"].asString() << ", layer " << l["id"].asInt()
-            << "): fps modes " << modeHistory(l["fps_modes"]);
+            << ", " << l["loop"].asString() << " loop): fps modes " << modeHistory(l["fps_modes"])
+            << "; touch event->present p50/p95 " << latency(l["touch_event_to_present_ms"], "events");
         const Json::Value& t = l["smart_touch"];
         if (t["instant_buffers"].asInt() || t["moves_consumed_now"].asInt() || t["moves_held"].asInt()) {
             out << "; smart touch: " << t["instant_buffers"].asInt() << " instant buffers, "
@@ -413,7 +434,7 @@ void printReport(const Json::Value& s, std::ostream& out) {
         }
         if (l["boosts"]["service"].asInt()) out << "; boost events " << l["boosts"]["service"].asInt();
         const Json::Value& ft = l["frame_timeline"];
-        out << "; late frames by cause: " << causes(ft) << "; rhythm janks " << l["rhythm_janks"].asInt();
+        out << "; janks by cause: " << causes(ft) << "; rhythm janks " << l["rhythm_janks"].asInt();
         if (l["replay"].isObject()) {
             const Json::Value& r = l["replay"];
             out << "; replayed " << r["replayed"].asUInt64() << "/" << r["frames"].asUInt64()
@@ -425,8 +446,8 @@ void printReport(const Json::Value& s, std::ostream& out) {
         for (const Json::Value& p : l["phases"]) {
             const Json::Value& lat = p["input_to_present_ms"];
             out << "  " << pad(p["name"].asString(), 14) << fmt("%5.1f", p["from_s"].asDouble()) << "-"
-                << pad(fmt("%.1f s", p["to_s"].asDouble()), 8) << "touch->present p50/p95 " << ms(lat["p50"])
-                << "/" << ms(lat["p95"]) << " ms (" << lat["frames"].asInt() << "), late "
+                << pad(fmt("%.1f s", p["to_s"].asDouble()), 8) << "touch->present per frame " << latency(lat, "frames")
+                << ", per event " << latency(p["touch_event_to_present_ms"], "events") << "; janks "
                 << p["frame_timeline"]["late"].asInt() << " (" << p["frame_timeline"]["late_vsyncs"].asInt()
                 << " vsyncs): " << causes(p["frame_timeline"]) << "\n";
         }
@@ -485,9 +506,16 @@ const Json::Value& layerByLabel(const Json::Value& s, const std::string& label) 
     return kNone;
 }
 
-void row(std::ostream& out, const std::string& name, const std::string& a, const std::string& b,
-         const std::string& change) {
-    out << "  " << pad(name, 26) << pad(a, 14) << pad(b, 14) << change << "\n";
+const Json::Value& phaseByName(const Json::Value& layer, const std::string& name) {
+    static const Json::Value kNone;
+    for (const Json::Value& p : layer["phases"]) {
+        if (p["name"].asString() == name) return p;
+    }
+    return kNone;
+}
+
+std::string count(const Json::Value& v) {
+    return v.isNumeric() ? std::to_string(v.asInt64()) : "-";
 }
 
 std::string delta(const Json::Value& a, const Json::Value& b, const char* unit) {
@@ -498,71 +526,171 @@ std::string delta(const Json::Value& a, const Json::Value& b, const char* unit) 
     return text;
 }
 
-std::string count(const Json::Value& v) {
-    return v.isNumeric() ? std::to_string(v.asInt64()) : "-";
+using Get = std::function<Json::Value(const Json::Value& layer)>;
+
+Get at(std::vector<std::string> path) {
+    return [path](const Json::Value& layer) {
+        const Json::Value* v = &layer;
+        for (const std::string& key : path) {
+            if (!v->isObject() || !v->isMember(key)) return Json::Value();
+            v = &(*v)[key];
+        }
+        return *v;
+    };
 }
+
+Get inPhase(const std::string& phase, std::vector<std::string> path) {
+    return [phase, get = at(std::move(path))](const Json::Value& layer) { return get(phaseByName(layer, phase)); };
+}
+
+// One layer in runs that differ only in the library's switch: (disabled, enabled), the first
+// pair at the scenario's own vsync phase.
+using LayerPairs = std::vector<std::pair<const Json::Value*, const Json::Value*>>;
+
+// "-15.0..-13.1": the change over every pair, when there are several to compare.
+std::string changeRange(const LayerPairs& pairs, const Get& get, bool integer = false) {
+    double lo = 0, hi = 0;
+    int n = 0;
+    for (const auto& [a, b] : pairs) {
+        const Json::Value va = get(*a), vb = get(*b);
+        if (!va.isNumeric() || !vb.isNumeric()) continue;
+        const double d = vb.asDouble() - va.asDouble();
+        lo = n ? std::min(lo, d) : d;
+        hi = n ? std::max(hi, d) : d;
+        ++n;
+    }
+    if (n < 2) return "";
+    const char* format = integer ? "%+.0f" : "%+.1f";
+    return fmt(format, lo) + ".." + fmt(format, hi);
+}
+
+class ComparisonTable {
+public:
+    ComparisonTable(std::ostream& out, const LayerPairs& pairs) : mOut(out), mPairs(pairs) {}
+
+    // A figure with its change, and the change's range over the vsync phases.
+    void figure(const std::string& name, const Get& get, const char* unit, bool integer = false) {
+        const Json::Value a = get(*mPairs[0].first), b = get(*mPairs[0].second);
+        auto show = [integer](const Json::Value& v) { return integer ? count(v) : ms(v); };
+        line(name, show(a), show(b), delta(a, b, unit), changeRange(mPairs, get, integer));
+    }
+    // Shown side by side, without a change.
+    void plain(const std::string& name, const std::function<std::string(const Json::Value&)>& show) {
+        line(name, show(*mPairs[0].first), show(*mPairs[0].second), "", "");
+    }
+
+private:
+    void line(const std::string& name, const std::string& a, const std::string& b, const std::string& change,
+              const std::string& range) {
+        mOut << "  " << pad(name, 26) << pad(a, 14) << pad(b, 14);
+        if (mPairs.size() > 1) {
+            mOut << pad(change, 20) << range;
+        } else {
+            mOut << change;
+        }
+        mOut << "\n";
+    }
+
+    std::ostream& mOut;
+    const LayerPairs& mPairs;
+};
 
 } // namespace
 
-void printComparison(const Json::Value& off, const Json::Value& on, std::ostream& out) {
+void printComparison(const Json::Value& off, const Json::Value& on, std::ostream& out,
+                     const std::vector<std::pair<Json::Value, Json::Value>>& otherPhases) {
     out << "pelyx-sim --compare: scenario \"" << on["scenario"].asString() << "\", "
         << fmt("%.1f", on["duration_s"].asDouble()) << " s per run\n\n";
-    out << "  " << pad("", 26) << pad("disabled", 14) << pad("enabled", 14) << "change\n";
+    out << "  " << pad("", 26) << pad("disabled", 14) << pad("enabled", 14) << "change";
+    if (!otherPhases.empty()) {
+        out << std::string(14, ' ') << "over " << otherPhases.size() + 1 << " vsync phases";
+    }
+    out << "\n";
     for (const Json::Value& b : on["layers"]) {
         const std::string label = b["label"].asString();
-        const Json::Value& a = layerByLabel(off, label);
-        out << label << " (" << b["package"].asString() << ")\n";
-        const Json::Value& la = a["input_to_present_ms"];
-        const Json::Value& lb = b["input_to_present_ms"];
-        row(out, "touch->present p50 ms", ms(la["p50"]), ms(lb["p50"]), delta(la["p50"], lb["p50"], " ms"));
-        row(out, "touch->present p95 ms", ms(la["p95"]), ms(lb["p95"]), delta(la["p95"], lb["p95"], " ms"));
-        row(out, "frames with touch", count(la["frames"]), count(lb["frames"]), "");
-        row(out, "frames queued", count(a["frames_queued"]), count(b["frames_queued"]),
-            delta(a["frames_queued"], b["frames_queued"], ""));
-        row(out, "frames presented", count(a["frames_presented"]), count(b["frames_presented"]),
-            delta(a["frames_presented"], b["frames_presented"], ""));
-        const Json::Value& ta = a["frame_timeline"];
-        const Json::Value& tb = b["frame_timeline"];
-        row(out, "frames late", count(ta["late"]), count(tb["late"]), delta(ta["late"], tb["late"], ""));
-        row(out, "late vsyncs", count(ta["late_vsyncs"]), count(tb["late_vsyncs"]),
-            delta(ta["late_vsyncs"], tb["late_vsyncs"], ""));
-        for (const char* cause : {"app_deadline", "gpu_late", "composition", "buffer_stuffing"}) {
-            row(out, std::string("  late: ") + cause, count(ta["by_cause"][cause]), count(tb["by_cause"][cause]), "");
+        LayerPairs pairs{{&layerByLabel(off, label), &b}};
+        for (const auto& [o, e] : otherPhases) pairs.emplace_back(&layerByLabel(o, label), &layerByLabel(e, label));
+        ComparisonTable t(out, pairs);
+        out << label << " (" << b["package"].asString() << ", " << b["loop"].asString() << " loop)\n";
+        t.figure("touch->present p50 ms", at({"input_to_present_ms", "p50"}), " ms");
+        t.figure("touch->present p95 ms", at({"input_to_present_ms", "p95"}), " ms");
+        t.figure("touch event->present p50", at({"touch_event_to_present_ms", "p50"}), " ms");
+        t.figure("touch event->present p95", at({"touch_event_to_present_ms", "p95"}), " ms");
+        t.figure("frames with touch", at({"input_to_present_ms", "frames"}), "", true);
+        t.figure("touch events shown", at({"touch_event_to_present_ms", "events"}), "", true);
+        t.figure("frames queued", at({"frames_queued"}), "", true);
+        t.figure("frames presented", at({"frames_presented"}), "", true);
+        t.figure("janks", at({"frame_timeline", "late"}), "", true);
+        t.figure("jank vsyncs", at({"frame_timeline", "late_vsyncs"}), "", true);
+        for (const char* cause : {"app_deadline", "gpu_late", "composition"}) {
+            t.plain(std::string("  janks: ") + cause,
+                    [cause](const Json::Value& l) { return count(l["frame_timeline"]["by_cause"][cause]); });
         }
-        row(out, "rhythm janks", count(a["rhythm_janks"]), count(b["rhythm_janks"]), "");
+        t.figure("buffer-stuffed frames", at({"frame_timeline", "buffer_stuffing", "frames"}), "", true);
+        t.figure("  stuffed: late p50 ms", at({"frame_timeline", "buffer_stuffing", "late_ms_p50"}), " ms");
+        t.figure("rhythm janks", at({"rhythm_janks"}), "", true);
         for (const Json::Value& pb : b["phases"]) {
             const std::string name = pb["name"].asString();
-            Json::Value pa;
-            for (const Json::Value& p : a["phases"]) {
-                if (p["name"].asString() == name) pa = p;
-            }
-            const std::string head = name + " " + fmt("%.1f", pb["from_s"].asDouble()) + "-" +
-                    fmt("%.1f s", pb["to_s"].asDouble());
-            out << "  " << head << "\n";
-            const Json::Value& qa = pa["input_to_present_ms"];
-            const Json::Value& qb = pb["input_to_present_ms"];
-            row(out, "  touch->present p50 ms", ms(qa["p50"]), ms(qb["p50"]), delta(qa["p50"], qb["p50"], " ms"));
-            row(out, "  touch->present p95 ms", ms(qa["p95"]), ms(qb["p95"]), delta(qa["p95"], qb["p95"], " ms"));
-            row(out, "  frames late / vsyncs",
-                count(pa["frame_timeline"]["late"]) + " / " + count(pa["frame_timeline"]["late_vsyncs"]),
-                count(pb["frame_timeline"]["late"]) + " / " + count(pb["frame_timeline"]["late_vsyncs"]), "");
+            out << "  " << name << " " << fmt("%.1f", pb["from_s"].asDouble()) << "-"
+                << fmt("%.1f s", pb["to_s"].asDouble()) << "\n";
+            t.figure("  touch->present p50 ms", inPhase(name, {"input_to_present_ms", "p50"}), " ms");
+            t.figure("  touch->present p95 ms", inPhase(name, {"input_to_present_ms", "p95"}), " ms");
+            t.figure("  touch event p50 ms", inPhase(name, {"touch_event_to_present_ms", "p50"}), " ms");
+            t.figure("  touch event p95 ms", inPhase(name, {"touch_event_to_present_ms", "p95"}), " ms");
+            t.plain("  janks / vsyncs", [name](const Json::Value& l) {
+                const Json::Value& f = phaseByName(l, name)["frame_timeline"];
+                return count(f["late"]) + " / " + count(f["late_vsyncs"]);
+            });
+            t.figure("  buffer-stuffed frames", inPhase(name, {"frame_timeline", "buffer_stuffing", "frames"}), "", true);
         }
-        row(out, "holds", count(a["holds"]["count"]), count(b["holds"]["count"]), "");
-        row(out, "hold p50 / p99 ms", ms(a["holds"]["p50_ms"]) + " / " + ms(a["holds"]["p99_ms"]),
-            ms(b["holds"]["p50_ms"]) + " / " + ms(b["holds"]["p99_ms"]), "");
-        auto boosts = [](const Json::Value& l) {
+        t.figure("holds", at({"holds", "count"}), "", true);
+        t.plain("hold p50 / p99 ms",
+                [](const Json::Value& l) { return ms(l["holds"]["p50_ms"]) + " / " + ms(l["holds"]["p99_ms"]); });
+        t.plain("boosts L1/L2/L3/withdrawn", [](const Json::Value& l) {
             const Json::Value& x = l["boosts"];
-            return count(x["level1"]) + "/" + count(x["level2"]) + "/" + count(x["level3"]) + "/" +
-                    count(x["withdrawn"]);
-        };
-        row(out, "boosts L1/L2/L3/withdrawn", boosts(a), boosts(b), "");
-        row(out, "fps mode (last)", count(a["fps_mode"]), count(b["fps_mode"]), "");
+            return count(x["level1"]) + "/" + count(x["level2"]) + "/" + count(x["level3"]) + "/" + count(x["withdrawn"]);
+        });
+        t.plain("fps mode (last)", [](const Json::Value& l) { return count(l["fps_mode"]); });
     }
     out << "run\n";
-    row(out, "scene reports", std::to_string(off["scene_reports"].size()),
-        std::to_string(on["scene_reports"].size()), "");
-    row(out, "boost records", count(off["boosts"]["records"]), count(on["boosts"]["records"]), "");
-    row(out, "log errors", count(off["log_errors"]), count(on["log_errors"]), "");
+    auto runRow = [&out](const std::string& name, const std::string& a, const std::string& b) {
+        out << "  " << pad(name, 26) << pad(a, 14) << pad(b, 14) << "\n";
+    };
+    runRow("scene reports", std::to_string(off["scene_reports"].size()), std::to_string(on["scene_reports"].size()));
+    runRow("boost records", count(off["boosts"]["records"]), count(on["boosts"]["records"]));
+    runRow("log errors", count(off["log_errors"]), count(on["log_errors"]));
+}
+
+void printArchetypes(const std::string& layer, const std::vector<ArchetypeRuns>& kinds, std::ostream& out) {
+    if (kinds.empty() || kinds[0].runs.empty()) return;
+    out << "\nkinds of app in " << layer << "'s place: disabled -> enabled at the scenario's vsync phase, "
+        << "and the change's range over " << kinds[0].runs.size() << " vsync phases\n";
+    const Json::Value& first = layerByLabel(kinds[0].runs[0].second, layer);
+    std::vector<std::string> phases{""};
+    for (const Json::Value& p : first["phases"]) phases.push_back(p["name"].asString());
+    out << "  " << pad("phase", 16) << pad("per frame p50 ms", 28) << pad("per touch event p50 ms", 28)
+        << pad("per touch event p95 ms", 28) << pad("janks", 20) << "buffer-stuffed frames\n";
+    for (const ArchetypeRuns& kind : kinds) {
+        out << kind.name << " (--loop " << layer << "=" << kind.spec << ")\n";
+        LayerPairs pairs;
+        for (const auto& [o, e] : kind.runs) pairs.emplace_back(&layerByLabel(o, layer), &layerByLabel(e, layer));
+        for (const std::string& phase : phases) {
+            auto get = [&phase](std::vector<std::string> path) { return phase.empty() ? at(path) : inPhase(phase, path); };
+            auto cell = [&](const Get& g, bool integer, size_t width) {
+                const Json::Value a = g(*pairs[0].first), b = g(*pairs[0].second);
+                std::string text = integer ? count(a) + " -> " + count(b) : ms(a) + " -> " + ms(b);
+                const std::string range = changeRange(pairs, g, integer);
+                if (!range.empty()) text += " (" + range + ")";
+                return pad(text, width);
+            };
+            out << "  " << pad(phase.empty() ? "whole run" : phase, 16)
+                << cell(get({"input_to_present_ms", "p50"}), false, 28)
+                << cell(get({"touch_event_to_present_ms", "p50"}), false, 28)
+                << cell(get({"touch_event_to_present_ms", "p95"}), false, 28)
+                << cell(get({"frame_timeline", "late"}), true, 20)
+                << cell(get({"frame_timeline", "buffer_stuffing", "frames"}), true, 0) << "\n";
+        }
+    }
 }
 
 } // namespace pelyx_sim

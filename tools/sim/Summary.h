@@ -27,6 +27,7 @@ struct PhaseResult {
     double toS = 0;
     int64_t framesPresented = 0;
     std::vector<double> inputToPresentMs;
+    std::vector<double> touchEventToPresentMs;
     FrameTimelineCounts timeline;
     int rhythmJanks = 0;
 };
@@ -37,6 +38,7 @@ struct LayerResult {
     std::string package;
     int32_t id = 0;
     bool game = false;
+    std::string loop;  // how its app starts frames
     bool promoted = false;
     std::vector<ModeChange> fpsModes;  // as reported to the service; the last one is the mode
     int64_t framesQueued = 0;
@@ -50,7 +52,8 @@ struct LayerResult {
     BoostCounts boosts;           // device records, when they can be told to be this layer's
     bool boostsAttributed = false;
     int serviceBoosts = 0;        // boost events of level 4 and above sent for the package
-    std::vector<double> inputToPresentMs;
+    std::vector<double> inputToPresentMs;       // per frame that read a new touch: its newest
+    std::vector<double> touchEventToPresentMs;  // per touch event, to the first frame reading it
     std::optional<double> targetFps;  // the last target pushed for the package (or all)
     double lastSecondFps = 0;         // queued frames per second over the run's last second
     bool targetFpsActive = false;
@@ -88,6 +91,7 @@ struct RunResult {
     std::string scenario;
     bool libraryEnabled = false;
     bool virtualClock = true;
+    double vsyncPhase = 0;
     double durationS = 0;  // simulated
     double wallS = 0;      // the host's time for the run
     uint64_t handoffs = 0;  // virtual clock: turns passed from one thread to another
@@ -132,7 +136,21 @@ int longestMode(const std::vector<ModeChange>& modes, double endS);
 std::vector<std::string> checkSummary(const Json::Value& summary);
 
 void printReport(const Json::Value& summary, std::ostream& out);
-// Side by side: the run with the library disabled, then enabled, per layer and for the run.
-void printComparison(const Json::Value& disabled, const Json::Value& enabled, std::ostream& out);
+// Side by side: the run with the library disabled, then enabled, per layer and for the run;
+// with `otherPhases` (disabled, enabled summaries of the same scenario at other vsync phases)
+// also each change's range over all of them.
+void printComparison(const Json::Value& disabled, const Json::Value& enabled, std::ostream& out,
+                     const std::vector<std::pair<Json::Value, Json::Value>>& otherPhases = {});
+
+// One kind of app played in a layer's place, disabled and enabled at several vsync phases.
+struct ArchetypeRuns {
+    std::string name;  // for the reader
+    std::string spec;  // --loop's KIND[@FPS]
+    std::vector<std::pair<Json::Value, Json::Value>> runs;  // (disabled, enabled), the first at phase 0
+};
+
+// Per kind of app and phase of the scenario: the layer's latency per touch event, janks and
+// stuffed frames, disabled against enabled.
+void printArchetypes(const std::string& layer, const std::vector<ArchetypeRuns>& kinds, std::ostream& out);
 
 } // namespace pelyx_sim

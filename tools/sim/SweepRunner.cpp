@@ -19,6 +19,7 @@
 #include <thread>
 
 #include "Scenario.h"
+#include "ChildRuns.h"
 #include "Sweep.h"
 
 extern char** environ;
@@ -64,94 +65,49 @@ void writeJson(const std::string& path, const Json::Value& value) {
 struct Job {
     std::string scenarioFile;
     uint32_t seed = 1;
+    double vsyncPhase = 0;
     bool disabled = false;
-    std::string summaryFile;
-    std::string errorFile;
+    std::string name;
     // Filled in when it has run.
     bool ok = false;
     std::string error;
     Json::Value summary;
 };
 
-class Runner {
-public:
-    Runner(std::string executable, const SweepSpec& plan, int jobs, bool realClock)
-          : mExecutable(std::move(executable)), mPlan(plan), mJobs(std::max(1, jobs)), mRealClock(realClock) {}
-
-    // Plays every job, `mJobs` at a time, with a progress line on stderr.
-    void run(std::vector<Job>* jobs, const std::string& what) {
-        const auto start = std::chrono::steady_clock::now();
-        std::map<pid_t, size_t> running;
-        size_t next = 0, done = 0;
-        const bool tty = isatty(STDERR_FILENO);
-        while (done < jobs->size()) {
-            while (running.size() < static_cast<size_t>(mJobs) && next < jobs->size()) {
-                running[spawn((*jobs)[next])] = next;
-                ++next;
-            }
-            int status = 0;
-            const pid_t pid = waitpid(-1, &status, 0);
-            if (pid < 0) {
-                if (errno == EINTR) continue;
-                throw SweepFailure(kExitFailed, std::string("waiting for a run: ") + strerror(errno));
-            }
-            auto it = running.find(pid);
-            if (it == running.end()) continue;
-            finish(&(*jobs)[it->second], status);
-            running.erase(it);
-            ++done;
-            const double elapsed = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-            const double left = elapsed / static_cast<double>(done) * static_cast<double>(jobs->size() - done);
-            fprintf(stderr, "%spelyx-sim: %s: %zu/%zu runs done, %.0f s so far, about %.0f s left%s",
-                    tty ? "\r" : "", what.c_str(), done, jobs->size(), elapsed, left, tty ? "\033[K" : "\n");
+// Plays every job, `jobs` at a time, with a progress line on stderr.
+void playJobs(const std::string& executable, const SweepSpec& plan, std::vector<Job>* jobs, int parallel,
+              bool realClock, const std::string& dir, const std::string& what) {
+    std::vector<ChildRun> runs;
+    for (const Job& job : *jobs) {
+        ChildRun run;
+        run.args = {job.scenarioFile, "--seed", std::to_string(job.seed)};
+        char text[32];
+        if (plan.durationS) {
+            snprintf(text, sizeof(text), "%.17g", *plan.durationS);
+            run.args.insert(run.args.end(), {"--duration", text});
         }
-        if (tty) fprintf(stderr, "\n");
-    }
-
-private:
-    pid_t spawn(const Job& job) {
-        std::vector<std::string> args{mExecutable, job.scenarioFile, "--quiet", "--summary", job.summaryFile,
-                                      "--seed", std::to_string(job.seed)};
-        if (mPlan.durationS) {
-            char text[32];
-            snprintf(text, sizeof(text), "%.17g", *mPlan.durationS);
-            args.insert(args.end(), {"--duration", text});
+        if (job.vsyncPhase != 0) {
+            snprintf(text, sizeof(text), "%.17g", job.vsyncPhase);
+            run.args.insert(run.args.end(), {"--vsync-phase", text});
         }
-        for (const auto& [layer, file] : mPlan.replays) args.insert(args.end(), {"--replay", layer + "=" + file});
-        if (job.disabled) args.push_back("--disable");
-        if (mRealClock) args.insert(args.end(), {"--clock", "real"});
-        std::vector<char*> argv;
-        for (std::string& a : args) argv.push_back(a.data());
-        argv.push_back(nullptr);
-        posix_spawn_file_actions_t files;
-        posix_spawn_file_actions_init(&files);
-        posix_spawn_file_actions_addopen(&files, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-        posix_spawn_file_actions_addopen(&files, STDERR_FILENO, job.errorFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        pid_t pid = 0;
-        const int error = posix_spawn(&pid, argv[0], &files, nullptr, argv.data(), environ);
-        posix_spawn_file_actions_destroy(&files);
-        if (error != 0) throw SweepFailure(kExitFailed, std::string("cannot start a run: ") + strerror(error));
-        return pid;
+        for (const auto& [layer, file] : plan.replays) run.args.insert(run.args.end(), {"--replay", layer + "=" + file});
+        if (job.disabled) run.args.push_back("--disable");
+        if (realClock) run.args.insert(run.args.end(), {"--clock", "real"});
+        run.summaryFile = dir + "/" + job.name + ".out.json";
+        run.errorFile = dir + "/" + job.name + ".err";
+        runs.push_back(run);
     }
-
-    void finish(Job* job, int status) {
-        if (WIFEXITED(status) && WEXITSTATUS(status) == 0) {
-            job->summary = parseJson(slurp(job->summaryFile));
-            job->ok = job->summary.isObject();
-            if (!job->ok) job->error = job->summaryFile + ": not a summary";
-            return;
-        }
-        std::ifstream err(job->errorFile);
-        std::string first;
-        std::getline(err, first);
-        job->error = first.empty() ? "exit status " + std::to_string(WIFEXITED(status) ? WEXITSTATUS(status) : -1) : first;
+    try {
+        playChildRuns(executable, &runs, parallel, what);
+    } catch (const std::runtime_error& e) {
+        throw SweepFailure(kExitFailed, e.what());
     }
-
-    const std::string mExecutable;
-    const SweepSpec& mPlan;
-    const int mJobs;
-    const bool mRealClock;
-};
+    for (size_t i = 0; i < runs.size(); ++i) {
+        (*jobs)[i].ok = runs[i].ok;
+        (*jobs)[i].error = runs[i].error;
+        (*jobs)[i].summary = runs[i].summary;
+    }
+}
 
 std::string resolve(const std::string& path, const std::string& sweepFile) {
     if (path.empty() || path[0] == '/' || std::filesystem::exists(path)) return path;
@@ -216,14 +172,12 @@ int sweep(const Options& options, const std::string& executable) {
         Job job;
         job.scenarioFile = scenarioFile("run-" + std::to_string(i + 1), scenario);
         job.seed = plan.seed;
-        job.summaryFile = dir + "/run-" + std::to_string(i + 1) + ".out.json";
-        job.errorFile = dir + "/run-" + std::to_string(i + 1) + ".err";
+        job.name = "run-" + std::to_string(i + 1);
         jobs.push_back(job);
     }
-    const int parallel = options.jobs > 0 ? options.jobs : static_cast<int>(std::max(1u, std::thread::hardware_concurrency()));
+    const int parallel = options.jobs > 0 ? options.jobs : defaultJobs();
     fprintf(stderr, "pelyx-sim: sweep of %zu settings, %d at a time (runs in %s)\n", jobs.size(), parallel, dir.c_str());
-    Runner runner(executable, plan, parallel, options.realClock);
-    runner.run(&jobs, "sweep");
+    playJobs(executable, plan, &jobs, parallel, options.realClock, dir, "sweep");
 
     std::vector<SweepRun> runs(jobs.size());
     for (size_t i = 0; i < jobs.size(); ++i) {
@@ -252,23 +206,21 @@ int sweep(const Options& options, const std::string& executable) {
     if (!options.summaryPath.empty()) writeJson(bestFile, applySetting(base, plan, runs[best].setting));
     std::vector<Job> again;
     // The best setting's own seed is played again too: a real-time run varies a little even on
-    // the same seed, and the spread should show it.
+    // the same seed, and the spread should show it. Each further seed also moves the vsyncs
+    // against the scenario's times, so that a win that hangs on a phase shows in the spread.
     for (int k = 0; k <= plan.reruns; ++k) {
         for (bool disabled : {false, true}) {
             Job job;
             job.scenarioFile = disabled ? scenarioFile("baseline", base) : jobs[best].scenarioFile;
             job.seed = plan.seed + static_cast<uint32_t>(k);
+            job.vsyncPhase = rerunVsyncPhase(k);
             job.disabled = disabled;
-            const std::string name = std::string(disabled ? "baseline" : "best") + "-" + std::to_string(job.seed);
-            job.summaryFile = dir + "/" + name + ".out.json";
-            job.errorFile = dir + "/" + name + ".err";
+            job.name = std::string(disabled ? "baseline" : "best") + "-" + std::to_string(job.seed);
             again.push_back(job);
         }
     }
-    // One at a time, as a run to reproduce the best setting will be played: runs side by side
-    // on a small machine disturb each other's timing a little.
     // On real time the re-runs go one at a time, so that no run slows another.
-    Runner(executable, plan, options.realClock ? 1 : parallel, options.realClock).run(&again, "re-runs");
+    playJobs(executable, plan, &again, options.realClock ? 1 : parallel, options.realClock, dir, "re-runs");
     std::vector<SweepMetrics> bestMetrics{runs[best].metrics}, baseMetrics;
     for (const Job& job : again) {
         if (!job.ok) throw SweepFailure(kExitFailed, "a re-run failed: " + job.error);
@@ -288,7 +240,8 @@ int sweep(const Options& options, const std::string& executable) {
         std::cout << "  " << line << "\n";
     }
     std::cout << "reproduce: " << command << "\n";
-    std::cout << "seeds " << plan.seed << " to " << plan.seed + static_cast<uint32_t>(plan.reruns) << ":\n"
+    std::cout << "seeds " << plan.seed << " to " << plan.seed + static_cast<uint32_t>(plan.reruns)
+              << ", the vsyncs moved by 0, 1/4, 1/2 and 3/4 of a period in turn:\n"
               << "  best setting:      " << spreadText(bestSpread) << "\n"
               << "  library disabled:  " << spreadText(baseSpread) << "\n";
     const bool apart = bestSpread.p50Max < baseSpread.p50Min || bestSpread.lateMax < baseSpread.lateMin;

@@ -90,12 +90,8 @@ void Timeline::touch(const TimedAction& action) {
         }
     }
     const int64_t now = android::platform::now();
-    if (consumeNow) {
-        l->input.deliver(now);
-    } else {
-        l->input.hold(now);
-        l->noteAct(now);
-    }
+    l->input.deliver(now);
+    if (!consumeNow) l->noteAct(now);
     android::platform::traceEnd();
 }
 

@@ -3,14 +3,13 @@
 // the README.
 
 #include <json/json.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <sstream>
@@ -18,13 +17,12 @@
 #include <vector>
 
 #include "Capture.h"
+#include "ChildRuns.h"
 #include "Options.h"
 #include "Scenario.h"
 #include "Simulator.h"
 #include "Summary.h"
 #include "SweepRunner.h"
-
-extern char** environ;
 
 namespace pelyx_sim {
 namespace {
@@ -73,17 +71,6 @@ void writeJson(const std::string& path, const Json::Value& value) {
     if (!writeJsonFile(path, value)) fail(kExitFailed, path + ": cannot write");
 }
 
-Json::Value readJson(const std::string& path) {
-    std::ifstream in(path);
-    Json::CharReaderBuilder builder;
-    Json::Value value;
-    std::string errors;
-    if (!in || !Json::parseFromStream(builder, in, &value, &errors)) {
-        fail(kExitFailed, path + ": cannot read the summary");
-    }
-    return value;
-}
-
 std::string selfPath() {
     char path[4096];
     const ssize_t n = readlink("/proc/self/exe", path, sizeof(path) - 1);
@@ -101,50 +88,135 @@ std::string comparedFrames(const std::string& path, bool enabled) {
     return path.substr(0, dot) + run + path.substr(dot);
 }
 
-// One child run of --compare; returns its summary.
-Json::Value childRun(const Options& options, bool enabled, const std::string& summaryPath,
-                     const Json::Value& splitS = Json::Value()) {
-    std::vector<std::string> args{selfPath()};
-    for (const std::string& a : scenarioArguments(options)) args.push_back(a);
-    args.insert(args.end(), {"--quiet", "--summary", summaryPath});
-    if (!enabled) args.push_back("--disable");
-    if (splitS.isNumeric()) args.insert(args.end(), {"--phase-split", std::to_string(splitS.asDouble())});
-    if (!options.framesPath.empty()) args.insert(args.end(), {"--frames", comparedFrames(options.framesPath, enabled)});
-    std::vector<char*> argv;
-    for (std::string& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    pid_t pid = 0;
-    const int error = posix_spawn(&pid, argv[0], nullptr, nullptr, argv.data(), environ);
-    if (error != 0) fail(kExitFailed, std::string("cannot start a run: ") + strerror(error));
-    int status = 0;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+// The kinds of app --compare plays in the first game's place.
+struct Archetype {
+    const char* name;
+    const char* spec;  // --loop's KIND[@FPS]
+};
+constexpr Archetype kArchetypes[] = {
+        {"Choreographer app, 60 fps", "choreographer"},
+        {"free-running game, blocks in dequeue", "free"},
+        {"game that sets its own present times, 60 fps", "present_time"},
+        {"game capped at 30 fps", "choreographer@30"},
+};
+
+// The layer whose kind of app --compare varies: the first game's, else the first layer's.
+std::string comparedLayer(const Scenario& scenario) {
+    for (const LayerSetup* l : scenario.layers()) {
+        if (scenario.appOf(*l).game) return l->label;
     }
-    if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) {
-        fail(kExitFailed, std::string("the run with the library ") + (enabled ? "enabled" : "disabled") +
-                                  " failed");
-    }
-    return readJson(summaryPath);
+    return scenario.layers().front()->label;
 }
+
+// The pairs --compare plays: the scenario as it is, then each kind of app, each at every vsync
+// phase of the spread (the k-th on the scenario's seed + k).
+struct ComparedPair {
+    std::string loop;  // empty: the scenario's own
+    int k = 0;
+    ChildRun enabled, disabled;
+};
 
 int compare(const Options& options, const Scenario& scenario) {
     char dir[] = "/tmp/pelyx-sim-XXXXXX";
     if (!mkdtemp(dir)) fail(kExitFailed, std::string("cannot create a temporary directory: ") + strerror(errno));
-    const std::string offPath = std::string(dir) + "/disabled.json";
-    const std::string onPath = std::string(dir) + "/enabled.json";
-    fprintf(stderr, "pelyx-sim: run 1/2, library enabled (%.1f s)\n", scenario.durationS);
-    const Json::Value on = childRun(options, true, onPath);
-    // Both runs are split where the enabled one first acted, unless the scenario names phases.
-    const Json::Value split = scenario.phases.empty() ? on["first_act_s"] : Json::Value();
-    fprintf(stderr, "pelyx-sim: run 2/2, library disabled (%.1f s)\n", scenario.durationS);
-    const Json::Value off = childRun(options, false, offPath, split);
-    unlink(offPath.c_str());
-    unlink(onPath.c_str());
-    rmdir(dir);
-    printComparison(off, on, std::cout);
+    const std::string layer = comparedLayer(scenario);
+    std::vector<ComparedPair> pairs;
+    std::vector<std::string> loops{""};
+    for (const Archetype& a : kArchetypes) loops.push_back(a.spec);
+    for (const std::string& loop : loops) {
+        for (int k = 0; k < static_cast<int>(kPhaseRuns); ++k) {
+            ComparedPair p;
+            p.loop = loop;
+            p.k = k;
+            std::vector<std::string> args = scenarioArguments(options);
+            if (k > 0) {
+                args.insert(args.end(), {"--seed", std::to_string(scenario.seed + static_cast<uint32_t>(k)), "--vsync-phase",
+                                         std::to_string(rerunVsyncPhase(k))});
+            }
+            if (!loop.empty()) args.insert(args.end(), {"--loop", layer + "=" + loop});
+            const std::string name = std::string(dir) + "/" + std::to_string(pairs.size());
+            p.enabled.args = p.disabled.args = args;
+            p.disabled.args.push_back("--disable");
+            if (loop.empty() && k == 0 && !options.framesPath.empty()) {
+                p.enabled.args.insert(p.enabled.args.end(), {"--frames", comparedFrames(options.framesPath, true)});
+                p.disabled.args.insert(p.disabled.args.end(), {"--frames", comparedFrames(options.framesPath, false)});
+            }
+            p.enabled.summaryFile = name + ".enabled.json";
+            p.enabled.errorFile = name + ".enabled.err";
+            p.disabled.summaryFile = name + ".disabled.json";
+            p.disabled.errorFile = name + ".disabled.err";
+            pairs.push_back(p);
+        }
+    }
+    const int jobs = options.jobs > 0 ? options.jobs : defaultJobs();
+    auto play = [&](bool enabled) {
+        std::vector<ChildRun> runs;
+        for (const ComparedPair& p : pairs) runs.push_back(enabled ? p.enabled : p.disabled);
+        try {
+            playChildRuns(selfPath(), &runs, jobs, enabled ? "runs with the library enabled" : "runs with it disabled");
+        } catch (const std::runtime_error& e) {
+            fail(kExitFailed, e.what());
+        }
+        for (size_t i = 0; i < runs.size(); ++i) {
+            if (!runs[i].ok) {
+                fail(kExitFailed, std::string("a run with the library ") + (enabled ? "enabled" : "disabled") +
+                                          " failed: " + runs[i].error);
+            }
+            (enabled ? pairs[i].enabled : pairs[i].disabled) = runs[i];
+        }
+    };
+    play(true);
+    // Each disabled run is split where its enabled twin first acted, unless the scenario names phases.
+    for (ComparedPair& p : pairs) {
+        const Json::Value& split = p.enabled.summary["first_act_s"];
+        if (scenario.phases.empty() && split.isNumeric()) {
+            p.disabled.args.insert(p.disabled.args.end(), {"--phase-split", std::to_string(split.asDouble())});
+        }
+    }
+    play(false);
+    std::filesystem::remove_all(dir);
+
+    std::vector<std::pair<Json::Value, Json::Value>> otherPhases;
+    std::vector<ArchetypeRuns> kinds;
+    for (const ComparedPair& p : pairs) {
+        if (p.loop.empty()) {
+            if (p.k > 0) otherPhases.emplace_back(p.disabled.summary, p.enabled.summary);
+            continue;
+        }
+        if (p.k == 0) {
+            for (const Archetype& a : kArchetypes) {
+                if (p.loop == a.spec) kinds.push_back({a.name, a.spec, {}});
+            }
+        }
+        kinds.back().runs.emplace_back(p.disabled.summary, p.enabled.summary);
+    }
+    const Json::Value& off = pairs[0].disabled.summary;
+    const Json::Value& on = pairs[0].enabled.summary;
+    printComparison(off, on, std::cout, otherPhases);
+    printArchetypes(layer, kinds, std::cout);
     if (!options.summaryPath.empty()) {
         Json::Value both(Json::objectValue);
         both["disabled"] = off;
         both["enabled"] = on;
+        // The compared layer's figures in the other runs.
+        auto layerOf = [&layer](const Json::Value& s) {
+            for (const Json::Value& l : s["layers"]) {
+                if (l["label"].asString() == layer) return l;
+            }
+            return Json::Value();
+        };
+        both["layer"] = layer;
+        Json::Value runs(Json::arrayValue);
+        for (const ComparedPair& p : pairs) {
+            Json::Value run(Json::objectValue);
+            run["loop"] = p.loop.empty() ? Json::Value() : Json::Value(p.loop);
+            run["seed"] = scenario.seed + static_cast<uint32_t>(p.k);
+            run["vsync_phase"] = p.k == 0 ? scenario.vsyncPhase : rerunVsyncPhase(p.k);
+            run["disabled"] = layerOf(p.disabled.summary);
+            run["enabled"] = layerOf(p.enabled.summary);
+            runs.append(run);
+        }
+        both["runs"] = runs;
         writeJson(options.summaryPath, both);
     }
     return 0;
