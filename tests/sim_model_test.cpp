@@ -79,6 +79,46 @@ TEST(SimGpu, ADeadlineRunsTheGpuAtItsMaximumUntilThatFenceSignals) {
     EXPECT_EQ(gpu.endOf(c, 0), 31'500'000);
 }
 
+// Operating points 250, 437.5, 625, 812.5 and 1000 MHz: 1, 1.75, 2.5, 3.25 and 4 times the base.
+constexpr GpuGovernor kGovernor{16 * kMs, 0.9, 0.5, 4};
+
+TEST(SimGpu, TheGovernorStepsTheClockUpUnderALongJobAndDownWhenIdle) {
+    Gpu gpu(250, 1000, 0, 0, kGovernor);
+    // A point up at each fully busy sample: 16 + 28 + 40 + 52 ms of work by 64 ms, then 4 times
+    // the base (no fifth point) for the last 160 ms.
+    const uint64_t longJob = gpu.submit(0, 296 * kMs, 0);
+    EXPECT_EQ(gpu.endOf(longJob, 0), 104 * kMs);
+    // Busy half the window to 112 ms: kept; idle to 128 and 144 ms: two points down.
+    const uint64_t afterIdle = gpu.submit(146 * kMs, 5 * kMs, 0);
+    EXPECT_EQ(gpu.endOf(afterIdle, 146 * kMs), 148 * kMs);
+    // Idle for seconds: back at base, sampling still on multiples of 16 ms (10 016 ms is one).
+    const uint64_t late = gpu.submit(10'001 * kMs, 32'500'000, 0);
+    EXPECT_EQ(gpu.endOf(late, 10'001 * kMs), 10'026 * kMs);
+}
+
+TEST(SimGpu, TheClockIsTheHigherOfTheGovernorsPointAndTheRequest) {
+    Gpu gpu(250, 1000, 0, 0, kGovernor);
+    gpu.request(0, 500);
+    // 500 MHz over the governor's 250 and 437.5 to 32 ms, then its 625: 64 ms of work by 32 ms.
+    const uint64_t job = gpu.submit(0, 84 * kMs, 0);
+    EXPECT_EQ(gpu.endOf(job, 0), 40 * kMs);
+}
+
+TEST(SimGpu, TheGovernorDecidesOnlyFromWorkRunBeforeItsSample) {
+    // The second job reaches the GPU after the first finished, or was known all along.
+    Gpu stepwise(250, 1000, 0, 0, kGovernor);
+    Gpu upfront(250, 1000, 0, 0, kGovernor);
+    const uint64_t first = stepwise.submit(0, 23 * kMs, 0);
+    upfront.submit(0, 23 * kMs, 0);
+    const uint64_t ahead = upfront.submit(0, 28'200'000, 21'600'000);
+    EXPECT_EQ(stepwise.endOf(first, 0), 20 * kMs);
+    const uint64_t second = stepwise.submit(21'600'000, 28'200'000, 0);
+    EXPECT_EQ(stepwise.endOf(first, 40 * kMs), 20 * kMs) << "a finished job keeps its end";
+    // 4 ms of the first and 10.4 ms of the second: exactly 0.9 of the window to 32 ms, a point up.
+    EXPECT_EQ(stepwise.endOf(second, 21'600'000), 36 * kMs);
+    EXPECT_EQ(upfront.endOf(ahead, 0), 36 * kMs);
+}
+
 TEST(SimFrameTimeline, FramesAreJudgedAgainstTheirIntendedVsyncAndStuffingIsAState) {
     const VsyncGrid grid{0, 16 * kMs, 8 * kMs, 1};
     struct Case {

@@ -36,10 +36,11 @@ FakeDevices& FakeDevices::instance() {
     return *sDevices;
 }
 
-void FakeDevices::install(double gpuBaseMhz, double gpuMaxMhz, int64_t gpuRampNs, int64_t gpuWithdrawNs) {
+void FakeDevices::install(double gpuBaseMhz, double gpuMaxMhz, int64_t gpuRampNs, int64_t gpuWithdrawNs,
+                          GpuGovernor gpuGovernor) {
     {
         android::Mutex::Autolock lock(mLock);
-        mGpu = std::make_unique<Gpu>(gpuBaseMhz, gpuMaxMhz, gpuRampNs, gpuWithdrawNs);
+        mGpu = std::make_unique<Gpu>(gpuBaseMhz, gpuMaxMhz, gpuRampNs, gpuWithdrawNs, gpuGovernor);
         mBoosts.clear();
         mBoostOpens = 0;
         mFences.clear();

@@ -36,7 +36,7 @@ public:
     // Installs the table with a fresh GPU (and forgets earlier records); uninstall restores the
     // real calls.
     void install(double gpuBaseMhz = 250, double gpuMaxMhz = 1000, int64_t gpuRampNs = 0,
-                 int64_t gpuWithdrawNs = 0);
+                 int64_t gpuWithdrawNs = 0, GpuGovernor gpuGovernor = GpuGovernor{0});
     void uninstall();
 
     std::vector<BoostRecord> boostRecords() const EXCLUDES(mLock);

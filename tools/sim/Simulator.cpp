@@ -69,6 +69,15 @@ void startVirtualClock(const Scenario& scenario, double watchdogS) {
     android::platform::host::startVirtualTime(std::move(options));
 }
 
+GpuGovernor gpuGovernor(const DeviceModel& d) {
+    GpuGovernor g;
+    g.sampleNs = static_cast<int64_t>(std::llround(d.gpuGovernorMs * 1e6));
+    g.up = d.gpuGovernorUp;
+    g.down = d.gpuGovernorDown;
+    g.steps = d.gpuGovernorSteps;
+    return g;
+}
+
 // The objects of one run. Left alive on purpose (leaked) when an app thread never returns from
 // the library: that thread still uses them.
 struct Session {
@@ -345,7 +354,8 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     const DeviceModel& device = scenario.device;
     FakeDevices::instance().install(device.gpuBaseMhz, device.gpuMaxMhz,
                                     static_cast<int64_t>(std::llround(device.gpuRampMs * 1e6)),
-                                    static_cast<int64_t>(std::llround(device.gpuWithdrawMs * 1e6)));
+                                    static_cast<int64_t>(std::llround(device.gpuWithdrawMs * 1e6)),
+                                    gpuGovernor(device));
     auto session = std::make_unique<Session>();
     // The apps' CPU follows what the library asks of the service, as the service would set it.
     session->cpu = std::make_unique<CpuModel>(device);
