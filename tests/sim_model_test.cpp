@@ -158,6 +158,10 @@ TEST(SimFrameTimeline, FramesAreJudgedAgainstTheirIntendedVsyncAndStuffingIsASta
     EXPECT_EQ(counts.lateVsyncs, 5);
     EXPECT_EQ(counts.stuffedLateMs, std::vector<double>({16, 32}));
     EXPECT_EQ(counts.of(LateCause::Composition), 3);
+    Frame held;
+    held.intendedTickNs = 16 * kMs, held.queueEnterNs = 10 * kMs, held.queueNs = 17 * kMs;
+    EXPECT_EQ(judgeFrame(held, held.queueNs, 40 * kMs, grid, {}).cause, LateCause::Composition)
+            << "without GPU work its ready time is its queue time: the hold, not the GPU";
 
     EXPECT_EQ(grid.tickPresentingAt(24 * kMs), 16 * kMs);
     EXPECT_EQ(grid.tickPresentingAt(25 * kMs), 32 * kMs) << "no tick presents then: the next one";

@@ -168,6 +168,8 @@ TEST_F(SimRun, EachKindOfAppIsJudgedAgainstTheVsyncItMeant) {
                                      "heavy_ms": 40, "heavy_every_s": 10, "heavy_from_s": 0.5}}]},
         {"package": "p", "layers": [{"loop": "present_time", "fps_cap": 30, "work": {"mean_ms": 6, "gpu_ms": 2}}]},
         {"package": "f", "layers": [{"work": {"mean_ms": 6, "gpu_ms": 2}}]}]})");
+    const Outcome moved = run({scenario, "--disable", "--quiet", "--vsync-phase", "0.25", "--frames", file("moved.csv")});
+    ASSERT_EQ(moved.status, 0) << moved.err;
     const Outcome o = run({scenario, "--disable", "--quiet", "--summary", file("kinds.out.json"), "--frames", file("kinds.csv")});
     ASSERT_EQ(o.status, 0) << o.err;
     const Json::Value s = json(file("kinds.out.json"));
@@ -181,14 +183,17 @@ TEST_F(SimRun, EachKindOfAppIsJudgedAgainstTheVsyncItMeant) {
     EXPECT_EQ(s["layers"][1]["presented_fps"].asDouble(), 30.0);
     EXPECT_EQ(timeline(2), std::vector<int>({1, 0, 0, 59}));
     EXPECT_EQ(s["layers"][2]["frame_timeline"]["buffer_stuffing"]["late_ms_p50"].asDouble(), 16.667);
-    // The Choreographer app's starts: each at a vsync, never two in one vsync.
-    double last = -1;
-    for (const std::string& row : lines(slurp(file("kinds.csv")))) {
-        if (row.rfind("c,", 0) != 0) continue;
-        const double start = std::stod(row.substr(row.find(',', 2) + 1));
-        EXPECT_NEAR(start * 60, std::round(start * 60), 1e-4) << row;
-        EXPECT_GT(start - last, 0.016) << row;
-        last = start;
+    // The Choreographer app's starts: each at a vsync, never two in one vsync; with the vsyncs
+    // moved a quarter period earlier, on that grid.
+    for (const auto& [csv, phase] : {std::pair<std::string, double>{"kinds.csv", 0}, {"moved.csv", 0.25}}) {
+        double last = -1;
+        for (const std::string& row : lines(slurp(file(csv)))) {
+            if (row.rfind("c,", 0) != 0) continue;
+            const double start = std::stod(row.substr(row.find(',', 2) + 1));
+            EXPECT_NEAR(start * 60 + phase, std::round(start * 60 + phase), 1e-4) << csv << ": " << row;
+            EXPECT_GT(start - last, 0.016) << row;
+            last = start;
+        }
     }
 }
 
