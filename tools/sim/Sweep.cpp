@@ -361,7 +361,7 @@ void printSweepTable(const SweepSpec& plan, const std::vector<SweepRun>& runs, c
     };
     char line[512];
     snprintf(line, sizeof(line), "%-5s %-2s %8s %8s %6s %7s %6s %-10s %8s %7s  %s\n", "rank", "", "p50 ms",
-             "p95 ms", "late", "vsyncs", "fps", "boosts", "hold p99", "cpu/s", "setting");
+             "p95 ms", "janks", "vsyncs", "fps", "boosts", "hold p99", "cpu/s", "setting");
     out << line;
     int rank = 0;
     for (size_t i : order) {
