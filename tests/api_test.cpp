@@ -17,6 +17,7 @@
 #include "perf/PerfProxy.h"
 #include "layers/GpuFence.h"
 #include "pelyx/pelyx.h"
+#include "platform/Clock.h"
 #include "platform/HostControl.h"
 #include "platform/Properties.h"
 #include "support/LogCapture.h"
@@ -121,6 +122,21 @@ TEST(ApiSmartTouchWatcher, UnblockForwardsOnlyWhileSmartTouchIsOn) {
     onSTPropChanged(true);
     pelyxUnblockPendingBuffer();
     EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, unblocked), 1u);
+}
+
+// Only the exact texts "1" and "0" switch smart touch; the watcher gets its turn on the virtual
+// clock after each set.
+TEST(ApiSmartTouchWatcher, OnlyOneAndZeroSwitchSmartTouch) {
+    platform::host::startVirtualTime({});
+    ASSERT_TRUE(pelyxInit(1080, 2400));
+    const struct { const char* text; bool on; } steps[] = {
+            {"true", false}, {"1", true}, {"false", true}, {"0", false}};
+    for (const auto& step : steps) {
+        platform::setProperty("debug.vendor.perf.smart_touch", step.text);
+        platform::sleepFor(1'000'000);
+        EXPECT_EQ(isOn(gEntryFlags.smartTouch), step.on) << step.text;
+        EXPECT_EQ(LayerManager::getInstance()->isSmartTouchEnabled(), step.on) << step.text;
+    }
 }
 
 TEST(ApiForwarding, BufferEventsCarryCallerIdentityBoundsAndState) {
