@@ -7,9 +7,16 @@ root=$(cd "$(dirname "$0")/.." && pwd)
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-fresh() { # a copy of the tree's tracked and new files, without build output
-  rm -rf "$scratch/tree" && mkdir -p "$scratch/tree"
-  (cd "$root" && git ls-files -co --exclude-standard -z | xargs -0 cp --parents -t "$scratch/tree")
+# The tree's sources, copied once: in a git checkout its tracked and new files; in a plain copy
+# (no .git) everything but build output.
+mkdir -p "$scratch/pristine"
+if [ "$(git -C "$root" rev-parse --show-toplevel 2>/dev/null)" = "$root" ]; then
+  (cd "$root" && git ls-files -co --exclude-standard -z | xargs -0 cp --parents -t "$scratch/pristine")
+else
+  tar -C "$root" --exclude=./build --exclude=./.git -cf - . | tar -C "$scratch/pristine" -xf -
+fi
+fresh() {
+  rm -rf "$scratch/tree" && cp -a "$scratch/pristine" "$scratch/tree"
 }
 # expect OUTCOME WHAT PATTERN: runs the check on the scratch tree.
 expect() {

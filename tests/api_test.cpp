@@ -11,12 +11,12 @@
 #include <vector>
 
 #include "PerfdControl.h"
-#include "api/Pelyx.h"
 #include "config/FeatureManager.h"
 #include "layers/LayerManager.h"
 #include "perf/PerfProxy.h"
 #include "layers/GpuFence.h"
 #include "pelyx/pelyx.h"
+#include "platform/Clock.h"
 #include "platform/HostControl.h"
 #include "platform/Properties.h"
 #include "support/LogCapture.h"
@@ -111,16 +111,25 @@ TEST(ApiStartup, TargetFpsActiveOnlyWhileConfigured) {
     EXPECT_FALSE(pelyxIsTargetFpsActive());
 }
 
-TEST(ApiSmartTouchWatcher, UnblockForwardsOnlyWhileSmartTouchIsOn) {
+// Only the exact texts "1" and "0" switch smart touch (the watcher has its turn on the virtual
+// clock after each set), and a touch's unblock is forwarded only while it is on.
+TEST(ApiSmartTouchWatcher, OnlyOneAndZeroSwitchSmartTouchWhichGatesUnblock) {
+    platform::host::startVirtualTime({});
     platform::setProperty(kTrace, "1");
     LogCapture logs;
     ASSERT_TRUE(pelyxInit(1080, 2400));
     const std::string unblocked = "SurfaceFlinger: Smart touch debug: pelyxUnblockPendingBuffer";
-    pelyxUnblockPendingBuffer();
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, unblocked), 0u);
-    onSTPropChanged(true);
-    pelyxUnblockPendingBuffer();
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, unblocked), 1u);
+    const struct { const char* text; bool on; } steps[] = {
+            {"true", false}, {"1", true}, {"false", true}, {"0", false}};
+    size_t forwarded = 0;
+    for (const auto& step : steps) {
+        platform::setProperty("debug.vendor.perf.smart_touch", step.text);
+        platform::sleepFor(1'000'000);
+        EXPECT_EQ(LayerManager::getInstance()->isSmartTouchEnabled(), step.on) << step.text;
+        pelyxUnblockPendingBuffer();
+        forwarded += step.on;
+        EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, unblocked), forwarded) << step.text;
+    }
 }
 
 TEST(ApiForwarding, BufferEventsCarryCallerIdentityBoundsAndState) {

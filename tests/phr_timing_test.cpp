@@ -12,6 +12,7 @@
 #include "phr/PHRMonitor.h"
 #include "platform/Clock.h"
 #include "platform/HostControl.h"
+#include "platform/Thread.h"
 
 using namespace android;
 
@@ -62,6 +63,32 @@ TEST_F(PhrTimingTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
     m->onBufferDecrement(1, 1, now + 1'400 * kMs);
     m->onBufferIncrement(1, kP, now + 2'500 * kMs, false);
     EXPECT_EQ(platform::now() - now, 1'100 * kMs);
+}
+
+// Switching quick touch off releases nobody: a held buffer waits out its own time-out.
+TEST_F(PhrTimingTest, QuickTouchOffLeavesAHeldBufferToItsTimeOut) {
+    const int64_t queued = platform::now();
+    int64_t returned = 0;
+    platform::Thread queue;
+    ASSERT_TRUE(queue.start("queue", [&] {
+        m->onBufferIncrement(1, kP, queued, false);
+        returned = platform::now();
+    }));
+    platform::sleepFor(100 * kMs);
+    ASSERT_TRUE(state->isWaiting());
+    m->setQuickTouchStatus(1, false);
+    queue.join();
+    EXPECT_EQ(returned - queued, kP) << "the hold's time-out is a period";
+}
+
+// Pacing sleeps to the frame's deadline, however far off: not capped like a hold.
+TEST_F(PhrTimingTest, PacingSleepsToTheFramesDeadline) {
+    m->setTargetFpsStatus(1, true, 60.0f, 0.5f);           // 2 s frames
+    m->onBufferIncrement(1, kP, platform::now(), false); // starts the clock
+    const int64_t base = state->targetFpsBaseTime();
+    platform::sleepFor(300 * kMs);
+    m->onBufferIncrement(1, kP, platform::now(), false);
+    EXPECT_EQ(platform::now(), base + 2'000 * kMs);
 }
 
 TEST(PhrWorkerStart, AVsyncRightAfterInitIsNotLost) {

@@ -96,9 +96,7 @@ void GFRMonitor::monitorThreadMain() {
         Mutex::Autolock lock(mMutex);
         queue = mQueue; // init set it before starting us; forceStop keeps it
     }
-    while (queue && mRunning.load()) {
-        if (queue->pollOnce(-1) == TimerQueue::kPollError) ALOGE("TimerQueue error");
-    }
+    if (queue) runTimerLoop(*queue, kTag, [this] { return mRunning.load(); });
     PerfProxy::XLOGD(kTag, "GFRMonitor thread exited");
 }
 

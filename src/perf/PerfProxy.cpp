@@ -196,11 +196,8 @@ void PerfProxy::stopBoostThread() {
 void PerfProxy::threadMain(sp<TimerQueue> queue, uint64_t generation) {
     platform::setThreadName("BP");
     platform::setLoopThreadPriority(kTag);
-    while (mRunning.load() && mGeneration.load() == generation) {
-        if (queue->pollOnce(-1) == TimerQueue::kPollError) {
-            ALOGE("TimerQueue error");
-        }
-    }
+    runTimerLoop(*queue, kTag,
+                 [this, generation] { return mRunning.load() && mGeneration.load() == generation; });
 }
 
 uint64_t PerfProxy::postTask(std::function<void()> task) {

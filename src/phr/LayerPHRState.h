@@ -30,7 +30,8 @@ namespace android {
 // Flags that cross threads without a lock are atomics.
 class LayerPHRState : public LightRefBase<LayerPHRState> {
 public:
-    // Upper bound of every single wait on a queue thread, whatever the period or pacing says.
+    // Upper bound of each wait of a hold (and of the worker's wait for its release point),
+    // whatever the period says. The pacing sleep is not bounded by it.
     static constexpr int64_t kMaxWaitNs = 1'000'000'000;
 
     enum class LatchResult { kNone, kJank, kTooManyJanks };
@@ -105,19 +106,20 @@ public:
     int64_t frameIndex() const EXCLUDES(mLock);
 
     // ---- Holding a queue thread ----
-    // Blocks the calling queue thread for at most min(timeoutNs, kMaxWaitNs) of real time until
-    // a release (worker, unblockBuffer, quick touch off, removal). Returns kNotWaited without
-    // blocking when the layer is removed, quick touch is off, or (honourTimer) the worker has
-    // already passed its release point. A first hold that times out sets the timed-out flag.
+    // Blocks the calling queue thread for at most min(timeoutNs, kMaxWaitNs) on the wait clock
+    // until a release: the worker's (at its point, or as it leaves), unblockBuffer, or the
+    // layer's removal. Switching quick touch off is not one. Returns kNotWaited without blocking
+    // when the layer is removed or, for a first hold, the worker has already passed its release
+    // point. A first hold that times out sets the timed-out flag.
     HoldResult waitForRelease(int64_t timeoutNs, bool firstHold) EXCLUDES(mHoldLock);
     // The worker's release at the vsync-aligned point.
     void releaseAtVsyncPoint() EXCLUDES(mHoldLock);
     // unblockBuffer: releases at once and skips the additional delay.
     void requestUnblock() EXCLUDES(mHoldLock);
-    // Wakes a held thread, if any (quick touch was switched off; the worker leaves).
+    // Wakes a held thread, if any: the worker does so as it leaves.
     void releaseWaiter() EXCLUDES(mHoldLock);
-    // The layer left the monitor: no thread blocks on it any more; held and pacing threads
-    // return at once.
+    // The layer left the monitor: no thread blocks on it any more and a held thread returns at
+    // once; a pacing sleep runs on (sleepFor).
     void detach() EXCLUDES(mHoldLock);
     bool isDetached() const { return mDetached.load(); }
     bool isWaiting() const EXCLUDES(mHoldLock);

@@ -26,9 +26,11 @@ namespace android {
 // layer manager may hold its registry mutex while calling any method here); the worker "PHR"
 // follows the quick-touch layer's vsyncs. Nothing here calls back into the layer manager.
 //
-// Blocking: only onBufferIncrement blocks, and never with a lock of this monitor held; every
-// single wait is bounded (LayerPHRState::kMaxWaitNs). unregisterLayer, setQuickTouchStatus(off),
-// registerLayer over an existing id, forceStop and process exit release a held thread at once.
+// Blocking: only onBufferIncrement blocks, and never with a lock of this monitor held. Each wait
+// of a hold is bounded (LayerPHRState::kMaxWaitNs); the pacing sleep is not: it lasts until the
+// frame's deadline, and only a signal ends it early. unregisterLayer, registerLayer over an
+// existing id, forceStop and process exit release a held thread at once; switching quick touch
+// off releases nobody, so a held thread waits out its time-out.
 //
 // Locks: mQuickTouchLock (quick-touch ownership and layer membership) may be held while taking
 // mLayersLock; mLayersLock is held only to find a state and take an sp<> to it; a state's own
@@ -42,14 +44,14 @@ public:
     // Starts the worker (a no-op returning true while it runs) after copying the configuration
     // from FeatureManager. False, with the monitor stopped, when the thread cannot be created.
     bool init() EXCLUDES(mStartLock, mThreadLock);
-    // Stops and joins the worker and drops every layer, releasing held queue threads first.
+    // Stops and joins the worker and drops every layer, releasing held queue threads.
     // Does nothing unless running.
     void forceStop() EXCLUDES(mStartLock, mThreadLock, mQuickTouchLock, mLayersLock);
 
     // Adds (or replaces) a layer and derives its headroom from the rates.
     void registerLayer(int32_t layerId, const std::string& name, float phrMinRate,
                        float highFpsPhrMinRate) EXCLUDES(mQuickTouchLock, mLayersLock);
-    // Removes a layer; a queue thread held on it returns at once.
+    // Removes a layer; a queue thread held on it returns at once, one pacing on it sleeps on.
     void unregisterLayer(int32_t layerId) EXCLUDES(mQuickTouchLock, mLayersLock);
     sp<LayerPHRState> getLayerState(int32_t layerId) const EXCLUDES(mLayersLock);
 
@@ -58,7 +60,7 @@ public:
     void setVsyncInfo(int64_t periodNs, int32_t fps) EXCLUDES(mLayersLock);
     // A vsync: wakes the worker when a layer has quick touch. Never blocks beyond short locks.
     void onVsync(int64_t timestamp) EXCLUDES(mLayersLock, mThreadLock);
-    // The queue path. May block the calling thread (hold or target-fps pacing), bounded.
+    // The queue path. May block the calling thread: a hold (bounded) or target-fps pacing.
     void onBufferIncrement(int32_t layerId, int64_t frameTimeNs, int64_t queueTimeNs,
                            bool instant) EXCLUDES(mLayersLock);
     // The latch path: backlog and jank bookkeeping that switches quick touch on and off.
@@ -77,17 +79,18 @@ public:
     void updateDynamicHeadroom(LayerPHRState* state, int64_t frameTimeNs);
     void updateMaxHeadroom(LayerPHRState* state);
     void resetAdaptivePhrState(LayerPHRState* state);
-    // The hold of one queued buffer (or its target-fps pacing). Blocks, bounded.
+    // The hold of one queued buffer (bounded), or its target-fps pacing.
     void trackQueueBuffer(LayerPHRState* state, bool instant, int64_t queueTimeNs);
 
     // ---- Quick touch and target fps ----
     // Only one layer has quick touch: a request for another layer is ignored until it is off.
+    // Switching off wakes no held thread.
     void setQuickTouchStatus(int32_t layerId, bool enable) EXCLUDES(mQuickTouchLock, mLayersLock);
     bool isQuickTouchApplicable(LayerPHRState* state) const;
     void setTargetFpsStatus(int32_t layerId, bool enable, float fromFps, float targetFps)
             EXCLUDES(mLayersLock);
-    // Sleeps the calling queue thread until the layer's next target-fps deadline (bounded). A
-    // signal that interrupts the sleep ends it; it is not resumed (LayerPHRState::sleepFor).
+    // Sleeps the calling queue thread until the layer's next target-fps deadline, however far
+    // off. A signal that interrupts the sleep ends it; it is not resumed (LayerPHRState::sleepFor).
     void adjustForTargetFps(LayerPHRState* state);
     void resetTargetFpsClock(LayerPHRState* state);
     bool isTargetFpsSwitching(int32_t layerId) const EXCLUDES(mLayersLock);
@@ -112,8 +115,8 @@ private:
     void threadMain(uint64_t seen) EXCLUDES(mThreadLock);
     // Waits for the next vsync of the quick-touch layer; false when the monitor stops.
     bool waitForVsync(uint64_t* seen) EXCLUDES(mThreadLock);
-    // Waits until the release point `waitNs` ahead, a new vsync (which ends it early) or stop;
-    // false when the monitor stops.
+    // Waits until the release point `waitNs` ahead (at most kMaxWaitNs), a new vsync (which
+    // ends it early) or stop; false when the monitor stops.
     bool waitForReleasePoint(int64_t waitNs, uint64_t* seen) EXCLUDES(mThreadLock);
     float maxRateForFps(int32_t fps) const;
 

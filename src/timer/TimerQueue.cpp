@@ -180,4 +180,10 @@ void TimerQueue::cancelTask(uint64_t id) {
     rearmFromHeapLocked(released);
 }
 
+void runTimerLoop(TimerQueue& queue, const char* tag, const std::function<bool()>& keepRunning) {
+    while (keepRunning()) {
+        if (queue.pollOnce(-1) == TimerQueue::kPollError) ALOG(LOG_ERROR, tag, "TimerQueue error");
+    }
+}
+
 } // namespace android

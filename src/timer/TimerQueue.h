@@ -125,4 +125,8 @@ private:
     uint64_t mNextId GUARDED_BY(mMutex) = 1;
 };
 
+// The loop of the thread that owns `queue`: polls without a time-out while keepRunning() holds.
+// A failed wait is logged under `tag` and the loop goes on, since the next one may succeed.
+void runTimerLoop(TimerQueue& queue, const char* tag, const std::function<bool()>& keepRunning);
+
 } // namespace android
