@@ -75,7 +75,7 @@ TEST_F(PhrTimingTest, QuickTouchOffLeavesAHeldBufferToItsTimeOut) {
         returned = platform::now();
     }));
     platform::sleepFor(100 * kMs);
-    ASSERT_TRUE(state->isWaiting());
+    EXPECT_TRUE(state->isWaiting());
     m->setQuickTouchStatus(1, false);
     queue.join();
     EXPECT_EQ(returned - queued, kP) << "the hold's time-out is a period";
@@ -83,7 +83,7 @@ TEST_F(PhrTimingTest, QuickTouchOffLeavesAHeldBufferToItsTimeOut) {
 
 // Pacing sleeps to the frame's deadline, however far off: not capped like a hold.
 TEST_F(PhrTimingTest, PacingSleepsToTheFramesDeadline) {
-    m->setTargetFpsStatus(1, true, 60.0f, 0.5f);           // 2 s frames
+    m->setTargetFpsStatus(1, true, 60.0f, 0.5f);         // 2 s frames
     m->onBufferIncrement(1, kP, platform::now(), false); // starts the clock
     const int64_t base = state->targetFpsBaseTime();
     platform::sleepFor(300 * kMs);
