@@ -12,8 +12,6 @@
 #include <cstring>
 #include <fstream>
 #include <map>
-#include <memory>
-#include <sstream>
 #include <stdexcept>
 #include <thread>
 

@@ -81,18 +81,18 @@ std::pair<std::string, std::string> splitAssignment(const std::string& option,
 
 } // namespace
 
-bool parseLoopSpec(const std::string& spec, AppLoop* loop, double* fps) {
-    const size_t at = spec.find('@');
+bool parseLoopOption(const std::string& text, AppLoop* loop, double* fps) {
+    const size_t at = text.find('@');
     double rate = 0;
     if (at != std::string::npos) {
         try {
-            rate = parseNumber("", spec.substr(at + 1));
+            rate = parseNumber("", text.substr(at + 1));
         } catch (const UsageError&) {
             return false;
         }
         if (rate <= 0 || rate > 1000) return false;
     }
-    if (!parseLoop(spec.substr(0, at), loop)) return false;
+    if (!parseLoop(text.substr(0, at), loop)) return false;
     *fps = rate;
     return true;
 }
@@ -159,7 +159,7 @@ Options parseOptions(const std::vector<std::string>& args) {
             auto loop = splitAssignment(arg, value());
             AppLoop kind;
             double fps = 0;
-            if (!parseLoopSpec(loop.second, &kind, &fps)) {
+            if (!parseLoopOption(loop.second, &kind, &fps)) {
                 throw UsageError(arg + ": expected LAYER=KIND[@FPS] with KIND choreographer, free or present_time, got \"" +
                                  loop.second + "\"");
             }
@@ -221,10 +221,10 @@ void applyOverrides(Scenario& s, const Options& o) {
     if (o.refreshHz) s.refreshHz = *o.refreshHz;
     if (o.seed) s.seed = *o.seed;
     if (o.vsyncPhase) s.vsyncPhase = *o.vsyncPhase;
-    for (const auto& [layerKey, spec] : o.loops) {
+    for (const auto& [layerKey, kind] : o.loops) {
         LayerSetup* layer = s.findLayer(layerKey);
         if (!layer) throw ScenarioError("--loop", "no layer is labelled or numbered \"" + layerKey + "\"");
-        parseLoopSpec(spec, &layer->loop, &layer->fpsCap);
+        parseLoopOption(kind, &layer->loop, &layer->fpsCap);
     }
     for (const auto& [key, value] : o.props) s.setProperty(key, value);
     for (const auto& [layerKey, file] : o.replays) {

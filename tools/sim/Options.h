@@ -48,7 +48,7 @@ extern const char* const kUsage;
 Options parseOptions(const std::vector<std::string>& args);
 
 // "KIND" or "KIND@FPS" (FPS above 0, at most 1000; without it 0, the display's rate).
-bool parseLoopSpec(const std::string& spec, AppLoop* loop, double* fps);
+bool parseLoopOption(const std::string& text, AppLoop* loop, double* fps);
 
 // Applies --duration, --refresh, --seed, --prop and --replay (reading the captures) and checks
 // the result again. Throws ScenarioError (key: the option) or CaptureError.

@@ -150,10 +150,6 @@ struct DeviceModel {
     double cpuRampMs = 5.0;
     double latchOffsetMs = -1.0;  // negative: half the display's period
     int presentDelayVsyncs = 1;
-    // On the virtual clock only, where code takes no time: the compositor's work for each layer
-    // it latches, and the scheduler's wake-up latency on every wake-up of every thread (a
-    // log-normal with this median and 99th percentile; a median of 0 turns it off).
-    double latchCostUs = 150.0;
     // After a latch the buffer it replaced reaches its app this much later: the compositor's
     // composition, the release callback's binder call and the app's wake-up.
     double releaseDelayUs = 2000.0;
@@ -164,6 +160,10 @@ struct DeviceModel {
     double gpuGovernorUp = 0.9;
     double gpuGovernorDown = 0.5;
     int gpuGovernorSteps = 4;
+    // On the virtual clock only, where code takes no time: the compositor's work for each layer
+    // it latches, and the scheduler's wake-up latency on every wake-up of every thread (a
+    // log-normal with this median and 99th percentile; a median of 0 turns it off).
+    double latchCostUs = 150.0;
     double wakeupMedianUs = 60.0;
     double wakeupP99Us = 400.0;
 

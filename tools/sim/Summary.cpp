@@ -671,7 +671,7 @@ void printArchetypes(const std::string& layer, const std::vector<ArchetypeRuns>&
     out << "  " << pad("phase", 16) << pad("per frame p50 ms", 28) << pad("per touch event p50 ms", 28)
         << pad("per touch event p95 ms", 28) << pad("janks", 20) << "buffer-stuffed frames\n";
     for (const ArchetypeRuns& kind : kinds) {
-        out << kind.name << " (--loop " << layer << "=" << kind.spec << ")\n";
+        out << kind.name << " (--loop " << layer << "=" << kind.option << ")\n";
         LayerPairs pairs;
         for (const auto& [o, e] : kind.runs) pairs.emplace_back(&layerByLabel(o, layer), &layerByLabel(e, layer));
         for (const std::string& phase : phases) {

@@ -145,7 +145,7 @@ void printComparison(const Json::Value& disabled, const Json::Value& enabled, st
 // One kind of app played in a layer's place, disabled and enabled at several vsync phases.
 struct ArchetypeRuns {
     std::string name;  // for the reader
-    std::string spec;  // --loop's KIND[@FPS]
+    std::string option;  // --loop's KIND[@FPS]
     std::vector<std::pair<Json::Value, Json::Value>> runs;  // (disabled, enabled), the first at phase 0
 };
 

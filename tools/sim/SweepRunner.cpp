@@ -1,28 +1,18 @@
 #include "SweepRunner.h"
 
-#include <fcntl.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cerrno>
-#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <map>
 #include <memory>
 #include <sstream>
-#include <thread>
 
-#include "Scenario.h"
 #include "ChildRuns.h"
+#include "Scenario.h"
 #include "Sweep.h"
-
-extern char** environ;
 
 namespace pelyx_sim {
 namespace {

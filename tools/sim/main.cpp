@@ -91,7 +91,7 @@ std::string comparedFrames(const std::string& path, bool enabled) {
 // The kinds of app --compare plays in the first game's place.
 struct Archetype {
     const char* name;
-    const char* spec;  // --loop's KIND[@FPS]
+    const char* option;  // --loop's KIND[@FPS]
 };
 constexpr Archetype kArchetypes[] = {
         {"Choreographer app, 60 fps", "choreographer"},
@@ -122,7 +122,7 @@ int compare(const Options& options, const Scenario& scenario) {
     const std::string layer = comparedLayer(scenario);
     std::vector<ComparedPair> pairs;
     std::vector<std::string> loops{""};
-    for (const Archetype& a : kArchetypes) loops.push_back(a.spec);
+    for (const Archetype& a : kArchetypes) loops.push_back(a.option);
     for (const std::string& loop : loops) {
         for (int k = 0; k < static_cast<int>(kPhaseRuns); ++k) {
             ComparedPair p;
@@ -185,7 +185,7 @@ int compare(const Options& options, const Scenario& scenario) {
         }
         if (p.k == 0) {
             for (const Archetype& a : kArchetypes) {
-                if (p.loop == a.spec) kinds.push_back({a.name, a.spec, {}});
+                if (p.loop == a.option) kinds.push_back({a.name, a.option, {}});
             }
         }
         kinds.back().runs.emplace_back(p.disabled.summary, p.enabled.summary);
