@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test run report-docs asan tsan bench fuzz soak mutate clean
+.PHONY: all deps build test run report-docs goldens asan tsan bench fuzz soak mutate clean
 
 all: build
 
@@ -37,6 +37,10 @@ report-docs: deps build/release/build.ninja
 	tools/report/pelyx-report --out docs build/docs-run/compare.json build/docs-run/frames.enabled.csv \
 	  build/docs-run/frames.disabled.csv build/docs-run/sweep.json
 	rm -f docs/index.html
+
+# Rewrites the scenario goldens (tests/goldens/*.records) from fresh runs: review with git diff.
+goldens: build
+	$(PYTHON) scripts/goldens.py --sim build/release/tools/sim/pelyx-sim --update
 
 asan: deps build/asan/build.ninja
 	cmake --build --preset asan -j $(JOBS)
@@ -80,10 +84,16 @@ fuzz: deps build/fuzz/build.ninja
 # Plants each fault of tests/mutations.txt in a scratch copy and runs the tests against it;
 # MUTATE_FILTER=text picks faults; MUTATE_WHICH=1 lists every test that kills each one,
 # MUTATE_WHICH=named the same over the executables each fault names.
+# SAMPLE=N [SEED=S] instead draws N mutants at random from the library's syntax tree.
 MUTATE_FILTER ?=
 MUTATE_WHICH ?=
+SAMPLE ?=
+SEED ?= 1
+# Debian's interpreter: python3-clang installs its bindings there.
+PYTHON ?= $(firstword $(wildcard /usr/bin/python3) python3)
 mutate: deps
-	MUTATE_FILTER="$(MUTATE_FILTER)" MUTATE_WHICH="$(MUTATE_WHICH)" python3 scripts/mutate.py --jobs $(JOBS)
+	MUTATE_FILTER="$(MUTATE_FILTER)" MUTATE_WHICH="$(MUTATE_WHICH)" SAMPLE="$(SAMPLE)" SEED="$(SEED)" \
+	  $(PYTHON) scripts/mutate.py --jobs $(JOBS)
 
 clean:
 	rm -rf build

@@ -1,5 +1,7 @@
 #include "FakeDevices.h"
 
+#include <algorithm>
+
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -45,7 +47,6 @@ void FakeDevices::install(double gpuBaseMhz, double gpuMaxMhz, int64_t gpuRampNs
         mBoostOpens = 0;
         mFences.clear();
         mDeadlines.clear();
-        mFirstDeadlineNs = -1;
         mFenceQueries = 0;
     }
     android::platform::host::setIoctlTable(&kTable);
@@ -99,13 +100,18 @@ void FakeDevices::releaseFence(int fd) {
 
 int FakeDevices::deadlineRequests(int layer) const {
     android::Mutex::Autolock lock(mLock);
-    auto it = mDeadlines.find(layer);
-    return it == mDeadlines.end() ? 0 : it->second;
+    return static_cast<int>(std::count_if(mDeadlines.begin(), mDeadlines.end(),
+                                          [layer](const DeadlineRequest& d) { return d.layer == layer; }));
+}
+
+std::vector<DeadlineRequest> FakeDevices::deadlineLog() const {
+    android::Mutex::Autolock lock(mLock);
+    return mDeadlines;
 }
 
 int64_t FakeDevices::firstDeadlineNs() const {
     android::Mutex::Autolock lock(mLock);
-    return mFirstDeadlineNs;
+    return mDeadlines.empty() ? -1 : mDeadlines.front().timeNs;
 }
 
 int FakeDevices::fenceQueries() const {
@@ -159,8 +165,7 @@ int FakeDevices::ioctlLocked(int fd, unsigned long request, void* arg) {
         return 0;
     }
     if (request == kSyncSetDeadline) {
-        ++mDeadlines[fence->second.layer];
-        if (mFirstDeadlineNs < 0) mFirstDeadlineNs = now;
+        mDeadlines.push_back({now, fence->second.layer});
         mGpu->hurry(fence->second.job, now);
         return 0;
     }

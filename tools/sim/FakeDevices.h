@@ -19,6 +19,11 @@
 
 namespace pelyx_sim {
 
+struct DeadlineRequest {
+    int64_t timeNs = 0;
+    int layer = 0;
+};
+
 class FakeDevices {
 public:
     static constexpr const char* kBoostDevicePath = "/dev/vorla";
@@ -54,6 +59,8 @@ public:
     int deadlineRequests(int layer) const EXCLUDES(mLock);
     // When the library made its first deadline request; -1: none.
     int64_t firstDeadlineNs() const EXCLUDES(mLock);
+    // Every deadline request, oldest first.
+    std::vector<DeadlineRequest> deadlineLog() const EXCLUDES(mLock);
     // Fence-info queries answered (the library looks a layer's fence origin up once).
     int fenceQueries() const EXCLUDES(mLock);
 
@@ -78,8 +85,7 @@ private:
     int mBoostOpens GUARDED_BY(mLock) = 0;
     std::map<int, Fence> mFences GUARDED_BY(mLock);
     int mNextFence GUARDED_BY(mLock) = 0;
-    std::map<int, int> mDeadlines GUARDED_BY(mLock);
-    int64_t mFirstDeadlineNs GUARDED_BY(mLock) = -1;
+    std::vector<DeadlineRequest> mDeadlines GUARDED_BY(mLock);
     int mFenceQueries GUARDED_BY(mLock) = 0;
 };
 

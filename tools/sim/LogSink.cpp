@@ -1,5 +1,7 @@
 #include "LogSink.h"
 
+#include "Records.h"
+
 #include <android/log.h>
 
 #include "platform/Clock.h"
@@ -62,12 +64,19 @@ void LogSink::write(int priority, const char* tag, const char* message) {
         ++mWarnings;
         if (mWarningLines.size() < kKeptLines) mWarningLines.push_back(line);
     }
+    if (!mFile && !mRecords) return;
+    // The run's clock: the virtual one makes the log the same from one run to the next.
+    const int64_t ns = android::platform::waitClockNow();
     if (mFile) {
-        // The run's clock: the virtual one makes the log the same from one run to the next.
-        const int64_t ns = android::platform::waitClockNow();
         fprintf(mFile, "%lld.%06lld %c %s\n", static_cast<long long>(ns / 1'000'000'000),
                 static_cast<long long>(ns % 1'000'000'000 / 1000), priorityLetter(priority), line.c_str());
     }
+    if (mRecords) mRecords->add(ns, std::string("log ") + priorityLetter(priority) + " " + line);
+}
+
+void LogSink::setRecords(RecordLog* records) {
+    android::Mutex::Autolock lock(mLock);
+    mRecords = records;
 }
 
 int LogSink::errors() const {

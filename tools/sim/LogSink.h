@@ -13,6 +13,8 @@
 
 namespace pelyx_sim {
 
+class RecordLog;
+
 class LogSink {
 public:
     static constexpr size_t kKeptLines = 20;
@@ -32,6 +34,9 @@ public:
     std::vector<std::string> errorLines() const EXCLUDES(mLock);
     std::vector<std::string> warningLines() const EXCLUDES(mLock);
 
+    // Also hands every line, with its time, to `records` (null: none).
+    void setRecords(RecordLog* records) EXCLUDES(mLock);
+
     // The logger entry; public so that tests can feed lines.
     void write(int priority, const char* tag, const char* message) EXCLUDES(mLock);
 
@@ -40,6 +45,7 @@ private:
 
     mutable android::Mutex mLock;
     FILE* mFile GUARDED_BY(mLock) = nullptr;
+    RecordLog* mRecords GUARDED_BY(mLock) = nullptr;
     int mErrors GUARDED_BY(mLock) = 0;
     int mWarnings GUARDED_BY(mLock) = 0;
     int mLines GUARDED_BY(mLock) = 0;

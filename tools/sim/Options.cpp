@@ -37,6 +37,8 @@ options:
   --trace FILE         writes a Trace Event Format trace (opens in the Perfetto UI); turns the
                        library's debug switch on unless a scenario or --prop sets it
   --log FILE           writes every library log line to FILE
+  --records FILE       writes what the library did, in time order: its calls into the service,
+                       GPU boosts, fence deadline requests, buffer holds and log lines
   --frames FILE        writes one CSV row per presented frame (times, latencies, verdicts);
                        with --compare, FILE's name with .enabled and .disabled before .csv
   --sweep SWEEP.json   plays every setting of a sweep file (see the README), ranks them and
@@ -170,6 +172,8 @@ Options parseOptions(const std::vector<std::string>& args) {
             o.tracePath = file();
         } else if (arg == "--log") {
             o.logPath = file();
+        } else if (arg == "--records") {
+            o.recordsPath = file();
         } else if (arg == "--frames") {
             o.framesPath = file();
         } else if (arg == "--sweep") {
@@ -205,13 +209,13 @@ Options parseOptions(const std::vector<std::string>& args) {
     if (o.compare && o.disable) throw UsageError("--compare and --disable exclude each other");
     if (!o.sweepPath.empty() &&
         (o.compare || o.disable || !o.scenarioPath.empty() || !o.tracePath.empty() || !o.framesPath.empty() ||
-         !o.logPath.empty() || !o.replays.empty() || !o.props.empty() || o.durationS || o.seed || o.refreshHz ||
+         !o.logPath.empty() || !o.recordsPath.empty() || !o.replays.empty() || !o.props.empty() || o.durationS || o.seed || o.refreshHz ||
          o.vsyncPhase || !o.loops.empty())) {
         throw UsageError("--sweep takes its scenario and settings from the sweep file; only --jobs, --clock, "
                          "--summary and --quiet go with it");
     }
-    if (o.compare && (!o.tracePath.empty() || !o.logPath.empty())) {
-        throw UsageError("--compare writes no trace or log file");
+    if (o.compare && (!o.tracePath.empty() || !o.logPath.empty() || !o.recordsPath.empty())) {
+        throw UsageError("--compare writes no trace, log or records file");
     }
     return o;
 }

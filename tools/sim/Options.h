@@ -30,6 +30,7 @@ struct Options {
     std::string summaryPath;
     std::string tracePath;
     std::string logPath;
+    std::string recordsPath;
     std::string framesPath;
     std::string sweepPath;
     int jobs = 0;  // 0: the machine's cores

@@ -19,6 +19,7 @@
 #include "FakeDevices.h"
 #include "LayerRuntime.h"
 #include "LogSink.h"
+#include "Records.h"
 #include "ServiceLog.h"
 #include "Timeline.h"
 #include "ThreadCpu.h"
@@ -323,6 +324,28 @@ void writeFrames(const std::string& path, const Session& session, int64_t runSta
     if (fclose(out) != 0) throw std::runtime_error(path + ": cannot write the frames file");
 }
 
+// The run's own outputs join the service calls and log lines gathered as they happened.
+void writeRecords(const std::string& path, RecordLog* log, const Session& session,
+                  const std::vector<BoostRecord>& boosts, int64_t runStart) {
+    char text[160];
+    for (const BoostRecord& b : boosts) {
+        snprintf(text, sizeof(text), "boost level=%d headroom=%d frequency=%d", b.level, b.headroom, b.frequency);
+        log->add(b.timeNs, text);
+    }
+    for (const DeadlineRequest& d : FakeDevices::instance().deadlineLog()) {
+        log->add(d.timeNs, "fence deadline layer=" + session.layers.at(static_cast<size_t>(d.layer))->setup.label);
+    }
+    for (const auto& l : session.layers) {
+        for (const PresentRecord& p : l->presents) {
+            if (p.frame.holdNs <= 0) continue;
+            snprintf(text, sizeof(text), "hold layer=%s frame=%llu ms=%.3f", l->setup.label.c_str(),
+                     static_cast<unsigned long long>(p.frame.number), static_cast<double>(p.frame.holdNs) / 1e6);
+            log->add(p.frame.queueNs, text);
+        }
+    }
+    log->write(path, runStart);
+}
+
 } // namespace
 
 RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
@@ -345,6 +368,10 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     if (!LogSink::instance().install(isTrue(debug), settings.logPath)) {
         throw std::runtime_error(settings.logPath + ": cannot create the log file");
     }
+    // Shared with the service listener, which a hung app thread may still reach after the run.
+    std::shared_ptr<RecordLog> recordLog;
+    if (!settings.recordsPath.empty()) recordLog = std::make_shared<RecordLog>();
+    LogSink::instance().setRecords(recordLog.get());
     perfd_stub::reset();
     for (const AppSetup& app : scenario.apps) {
         perfd_stub::setGame(app.package, app.game);
@@ -359,8 +386,9 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     auto session = std::make_unique<Session>();
     // The apps' CPU follows what the library asks of the service, as the service would set it.
     session->cpu = std::make_unique<CpuModel>(device);
-    perfd_stub::setCallListener([cpu = session->cpu.get()](const perfd_stub::Call& call) {
+    perfd_stub::setCallListener([cpu = session->cpu.get(), recordLog](const perfd_stub::Call& call) {
         cpu->onCall(call, now());
+        if (recordLog) recordLog->addCall(now(), call);
     });
     std::atomic<int> touchBoosts{0};
     // The compositor's input path: an app's touch boost arrives, and held buffers are released
@@ -490,6 +518,8 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     result.warningLines = log.warningLines();
 
     if (!settings.framesPath.empty()) writeFrames(settings.framesPath, *session, runStart, device.gpuBaseMhz);
+    LogSink::instance().setRecords(nullptr);
+    if (recordLog) writeRecords(settings.recordsPath, recordLog.get(), *session, records, runStart);
 
     result.wallS = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();
     result.handoffs = android::platform::host::virtualTimeHandoffs();

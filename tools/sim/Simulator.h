@@ -23,6 +23,7 @@ struct RunSettings {
     bool progress = true;        // the progress line on stderr
     std::string tracePath;
     std::string logPath;
+    std::string recordsPath;
     std::string framesPath;  // per-present CSV
     bool untilReplaysEnd = false;  // run on until every replay has been presented
     // With a scenario that names no phases: split the figures here instead of where the library

@@ -247,6 +247,7 @@ int run(const std::vector<std::string>& args) {
     settings.progress = !options.quiet;
     settings.tracePath = options.tracePath;
     settings.logPath = options.logPath;
+    settings.recordsPath = options.recordsPath;
     settings.framesPath = options.framesPath;
     settings.untilReplaysEnd = !options.replays.empty() && !options.durationS;
     settings.phaseSplitS = options.phaseSplitS;
