@@ -5,7 +5,7 @@ pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
       android-platform-frameworks-native-headers
       libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils
-      python3 python3-matplotlib)
+      python3 python3-matplotlib python3-clang)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

@@ -10,16 +10,28 @@ For each fault the executables named in its `tests:` field are built and run fir
 a fresh process, as CTest does), then the rest of the suite until the first failure. A fault is
 "killed" when a test fails (or times out), "survived" when the whole suite passes.
 
+With --sample N the faults are not the list's: N mutants are drawn with --seed from every
+mutation point of the library's syntax tree (scripts/mutants.py). Mutants listed in
+tests/equivalent-mutants.txt (id, then one line of reason) cannot change behaviour: they are
+counted apart and not run. A drawn mutant that does not compile is replaced by the next draw.
+The report lists the survivors by file and function and is also written to
+build/mutate/sample-SEED-N.txt.
+
 Usage: scripts/mutate.py [--filter TEXT] [--which | --which-named] [--list FILE] [--jobs N]
+                         [--sample N [--seed S]]
   --filter TEXT  only the faults whose id, file, tests or behaviour contain TEXT
   --which        run the whole suite for each fault and print every test that kills it
   --which-named  the same over every case of the executables the fault names (faster)
-Exit status: 0 when every selected fault is killed; 1 when one survived, no longer applies
-(its exact text is not found once in its file) or does not compile; 2 on a usage error.
+Exit status: 0 when every selected fault is killed (with --sample: when at least 90 % of the
+non-equivalent draw is killed and the equivalent ones are at most 10 % of it); 1 when one
+survived, no longer applies (its exact text is not found once in its file) or does not compile;
+2 on a usage error.
 """
 
 import argparse
+import collections
 import os
+import random
 import re
 import shutil
 import signal
@@ -34,6 +46,9 @@ SCRATCH = os.path.join(WORK, "tree")
 BUILD = os.path.join(WORK, "build")
 SKIP_DIRS = {".git", "build"}
 CASE_TIMEOUT = 120  # seconds, as the suite's own per-case limit
+SAMPLE_CASE_TIMEOUT = 30  # a drawn mutant that hangs a case is killed sooner: no case needs 10 s
+EQUIVALENTS = os.path.join(ROOT, "tests", "equivalent-mutants.txt")
+SLOW_LAST = ("soak_test", "stress_test")
 
 FIELDS = ("file", "find", "replace", "breaks", "tests")
 
@@ -180,6 +195,11 @@ def configure():
     return rc == 0
 
 
+# The scenario goldens (scripts/goldens.py) run as one more executable whose cases are the
+# goldens, played by the scratch build's simulator.
+GOLDENS = "goldens"
+
+
 def test_executables():
     rc, out = run(["ninja", "-C", BUILD, "-t", "targets", "all"])
     names = set()
@@ -187,13 +207,15 @@ def test_executables():
         m = re.match(r"^tests/([A-Za-z0-9_]+_test): ", line)
         if m:
             names.add(m.group(1))
-    return sorted(names)
+    goldens = [GOLDENS] if os.path.isdir(os.path.join(SCRATCH, "tests", "goldens")) else []
+    return goldens + sorted(names)
 
 
 def build(targets, jobs):
     if not targets:
         return True, ""
-    rc, out = run(["ninja", "-C", BUILD, f"-j{jobs}"] + [f"tests/{t}" for t in targets])
+    paths = ["tools/sim/pelyx-sim" if t == GOLDENS else f"tests/{t}" for t in targets]
+    rc, out = run(["ninja", "-C", BUILD, f"-j{jobs}"] + paths)
     return rc == 0, out
 
 
@@ -202,6 +224,9 @@ _case_cache = {}
 
 def list_cases(exe):
     """The cases of one test executable, as gtest filters."""
+    if exe == GOLDENS:
+        return sorted({os.path.splitext(f)[0] for f in os.listdir(
+            os.path.join(SCRATCH, "tests", "goldens")) if f.endswith(".records")})
     path = os.path.join(BUILD, "tests", exe)
     key = (exe, os.stat(path).st_mtime_ns)
     if key in _case_cache:
@@ -219,9 +244,17 @@ def list_cases(exe):
     return cases
 
 
+_case_timeout = CASE_TIMEOUT
+
+
 def run_case(exe, case):
+    if exe == GOLDENS:
+        rc, out = run([sys.executable, os.path.join(SCRATCH, "scripts", "goldens.py"), "--sim",
+                       os.path.join(BUILD, "tools", "sim", "pelyx-sim"), case],
+                      timeout=_case_timeout)
+        return rc == 0, out
     rc, out = run([os.path.join(BUILD, "tests", exe), f"--gtest_filter={case}"],
-                  cwd=os.path.join(BUILD, "tests"), timeout=CASE_TIMEOUT)
+                  cwd=os.path.join(BUILD, "tests"), timeout=_case_timeout)
     return rc == 0, out
 
 
@@ -281,11 +314,19 @@ def check_fault(fault, all_exes, jobs, which, which_named=False):
     with open(target, encoding="utf-8") as f:
         original = f.read()
     mutated = original.replace(fault.find, fault.replace, 1)
+    return check_change(target, original, mutated, fault.tests, all_exes, jobs, which,
+                        which_named)
+
+
+def check_change(target, original, mutated, selectors, all_exes, jobs, which, which_named=False,
+                 failures=None):
+    """Writes `mutated` over `target`, builds and runs `selectors` first, then the rest of the
+    suite; `failures`, when given, collects every failing (exe, case)."""
     start = time.monotonic()
     try:
         write_file(target, mutated)
         first = []
-        for sel in fault.tests:
+        for sel in selectors:
             exe, pattern = split_selector(sel)
             if exe not in all_exes:
                 return "error", f"unknown test executable '{exe}'", time.monotonic() - start
@@ -317,6 +358,8 @@ def check_fault(fault, all_exes, jobs, which, which_named=False):
                 for exe in first_exes + rest:
                     order += [(exe, c) for c in list_cases(exe) if (exe, c) not in done]
                 failed = run_cases(order, jobs, stop_on_failure=True)
+        if failures is not None:
+            failures.extend(failed)
         detail = ", ".join(f"{exe} {case}" for exe, case in failed)
         return ("killed" if failed else "survived"), detail, time.monotonic() - start
     finally:
@@ -343,7 +386,116 @@ def _tail(text, lines=15):
     return "\n".join("      " + l for l in text.splitlines()[-lines:])
 
 
+# --- drawn mutants ---
+
+def load_equivalents(path):
+    """`id reason...` per line; '#' comments. Returns {id: reason}."""
+    out = {}
+    if not os.path.exists(path):
+        return out
+    with open(path, encoding="utf-8") as f:
+        for n, raw in enumerate(f, 1):
+            line = raw.strip()
+            if not line or line.startswith("#"):
+                continue
+            mid, _, reason = line.partition(" ")
+            if not reason.strip():
+                raise ValueError(f"{path}:{n}: `{mid}` has no reason")
+            out[mid] = reason.strip()
+    return out
+
+
+def first_selectors(mutant, learned, listed):
+    """The cases most likely to kill a mutant of this file: those that killed its neighbours in
+    this run, most often first, then the executables the list's faults of the file name."""
+    sels = [f"{exe}:{case}" for (exe, case), _ in learned[mutant.file].most_common(12)]
+    return sels + [e for e, _ in listed[mutant.file].most_common()]
+
+
+def run_sample(args, exes, faults):
+    import mutants as mutants_mod  # needs python3-clang; only the draw does
+    global _case_timeout
+    _case_timeout = SAMPLE_CASE_TIMEOUT
+    try:
+        equivalents = load_equivalents(args.equivalents)
+    except ValueError as e:
+        print("error:", e)
+        return 2
+    t0 = time.monotonic()
+    points = mutants_mod.collect(os.path.join(BUILD, "compile_commands.json"), SCRATCH)
+    order = list(points)
+    random.Random(args.seed).shuffle(order)
+    print(f"{len(points)} mutation points in src/ ({time.monotonic() - t0:.0f} s to parse); "
+          f"drawing {args.sample} with seed {args.seed}", flush=True)
+    listed = collections.defaultdict(collections.Counter)
+    for fault in faults:
+        for sel in fault.tests:
+            listed[fault.file][split_selector(sel)[0]] += 1
+    learned = collections.defaultdict(collections.Counter)
+    exes = [e for e in exes if e not in SLOW_LAST] + [e for e in exes if e in SLOW_LAST]
+    results, stillborn, drawn = [], 0, iter(order)
+    while len(results) < args.sample:
+        m = next(drawn, None)
+        if m is None:
+            break
+        where = f"{m.file}:{m.line} {m.function}"
+        if m.id in equivalents:
+            results.append((m, "equivalent", equivalents[m.id]))
+            print(f"EQUIV     {where}: {m.describe()}  ({equivalents[m.id]})", flush=True)
+            continue
+        target = os.path.join(SCRATCH, m.file)
+        with open(target, "rb") as f:
+            original = f.read()
+        mutated = original[:m.start] + m.replacement.encode() + original[m.end:]
+        failures = []
+        status, detail, secs = check_change(target, original.decode(), mutated.decode(),
+                                            first_selectors(m, learned, listed), exes,
+                                            args.jobs, False, failures=failures)
+        if status == "error":
+            stillborn += 1
+            print(f"NO BUILD  {secs:5.1f}s {where}: {m.describe()} (replaced by the next draw)",
+                  flush=True)
+            continue
+        for item in failures:
+            learned[m.file][item] += 1
+        results.append((m, status, detail))
+        label = "KILLED" if status == "killed" else "SURVIVED"
+        print(f"{label:9} {secs:5.1f}s {where}: {m.describe()}  [{m.id}]", flush=True)
+    return sample_report(args, results, stillborn, time.monotonic() - t0)
+
+
+def sample_report(args, results, stillborn, elapsed):
+    counts = collections.Counter(status for _, status, _ in results)
+    live = counts["killed"] + counts["survived"]
+    lines = [f"draw: {len(results)} mutants, seed {args.seed}; {stillborn} more drawn did not "
+             f"compile and were replaced",
+             f"killed {counts['killed']} of {live} non-equivalent "
+             f"({100.0 * counts['killed'] / max(live, 1):.1f} %); "
+             f"equivalent {counts['equivalent']} ({100.0 * counts['equivalent'] / max(len(results), 1):.1f} % "
+             f"of the draw); {elapsed / 60:.1f} min"]
+    by_place = collections.defaultdict(list)
+    for m, status, _ in results:
+        if status == "survived":
+            by_place[(m.file, m.function)].append(m)
+    if by_place:
+        lines.append("survivors by file and function:")
+        for (file, function), ms in sorted(by_place.items()):
+            lines.append(f"  {file} {function}")
+            for m in ms:
+                lines.append(f"    line {m.line}: {m.describe()}  [{m.id}]")
+    path = os.path.join(WORK, f"sample-{args.seed}-{args.sample}.txt")
+    with open(path, "w", encoding="utf-8") as f:
+        f.write("\n".join(lines) + "\n")
+    print("\n".join(lines) + f"\nreport: {os.path.relpath(path, ROOT)}", flush=True)
+    ok = counts["killed"] >= 0.9 * live and counts["equivalent"] <= 0.1 * len(results)
+    return 0 if ok and len(results) == args.sample else 1
+
+
 def main():
+    # The soak and stress cases run their few seconds for every fault that nothing else kills;
+    # shorter runs still exercise their paths (the stress case needs 1000 calls: 3 s on a busy machine).
+    os.environ.setdefault("PELYX_SOAK_SECONDS", "2")
+    os.environ.setdefault("PELYX_STRESS_SECONDS", "3")
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
     parser.add_argument("--filter", default=os.environ.get("MUTATE_FILTER", ""))
     parser.add_argument("--which", action="store_true",
@@ -352,7 +504,12 @@ def main():
                         default=os.environ.get("MUTATE_WHICH", "") == "named")
     parser.add_argument("--list", default=os.path.join(ROOT, "tests", "mutations.txt"))
     parser.add_argument("--jobs", type=int, default=os.cpu_count() or 2)
+    parser.add_argument("--sample", type=int, default=int(os.environ.get("SAMPLE") or 0))
+    parser.add_argument("--seed", type=int, default=int(os.environ.get("SEED") or 1))
+    parser.add_argument("--equivalents", default=EQUIVALENTS)
     args = parser.parse_args()
+    if args.sample < 0:
+        parser.error("--sample must be positive")
 
     faults, errors = parse_list(args.list)
     for e in errors:
@@ -395,6 +552,13 @@ def main():
         if not ok:
             print("error: the unmutated tree does not build:\n" + _tail(out))
             return 1
+        if args.sample:
+            broken = run_cases([(e, c) for e in exes for c in list_cases(e)], args.jobs, False)
+            if broken:
+                print("error: these tests fail without any fault: " +
+                      ", ".join(f"{e} {c}" for e, c in broken))
+                return 1
+            return run_sample(args, exes, faults)
         print(f"{len(selected)} faults, {len(exes)} test executables, scratch build {BUILD}",
               flush=True)
         # A test that fails without any fault would "kill" everything: check the named ones.
