@@ -84,15 +84,17 @@ fuzz: deps build/fuzz/build.ninja
 # Plants each fault of tests/mutations.txt in a scratch copy and runs the tests against it;
 # MUTATE_FILTER=text picks faults; MUTATE_WHICH=1 lists every test that kills each one,
 # MUTATE_WHICH=named the same over the executables each fault names.
-# SAMPLE=N [SEED=S] instead draws N mutants at random from the library's syntax tree.
+# SAMPLE=N [SEED=S] instead draws N mutants at random from the library's syntax tree;
+# SAMPLE=1 MUTANTS="id ..." (or MUTANTS=@file) re-runs chosen drawn mutants.
 MUTATE_FILTER ?=
 MUTATE_WHICH ?=
 SAMPLE ?=
 SEED ?= 1
+MUTANTS ?=
 # Debian's interpreter: python3-clang installs its bindings there.
 PYTHON ?= $(firstword $(wildcard /usr/bin/python3) python3)
 mutate: deps
-	MUTATE_FILTER="$(MUTATE_FILTER)" MUTATE_WHICH="$(MUTATE_WHICH)" SAMPLE="$(SAMPLE)" SEED="$(SEED)" \
+	MUTATE_FILTER="$(MUTATE_FILTER)" MUTATE_WHICH="$(MUTATE_WHICH)" SAMPLE="$(SAMPLE)" SEED="$(SEED)" MUTANTS="$(MUTANTS)" \
 	  $(PYTHON) scripts/mutate.py --jobs $(JOBS)
 
 clean:

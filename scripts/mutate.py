@@ -18,7 +18,7 @@ The report lists the survivors by file and function and is also written to
 build/mutate/sample-SEED-N.txt.
 
 Usage: scripts/mutate.py [--filter TEXT] [--which | --which-named] [--list FILE] [--jobs N]
-                         [--sample N [--seed S]]
+                         [--sample N [--seed S] [--ids ID,... | --ids @FILE]]
   --filter TEXT  only the faults whose id, file, tests or behaviour contain TEXT
   --which        run the whole suite for each fault and print every test that kills it
   --which-named  the same over every case of the executables the fault names (faster)
@@ -425,6 +425,15 @@ def run_sample(args, exes, faults):
     points = mutants_mod.collect(os.path.join(BUILD, "compile_commands.json"), SCRATCH)
     order = list(points)
     random.Random(args.seed).shuffle(order)
+    if args.ids:
+        # Re-runs chosen mutants (a report's survivors, say) instead of a draw.
+        wanted = set(open(args.ids[1:]).read().split() if args.ids.startswith("@")
+                     else args.ids.replace(",", " ").split())
+        order = [m for m in order if m.id in wanted]
+        missing = wanted - {m.id for m in order}
+        if missing:
+            print("no such mutant now: " + ", ".join(sorted(missing)), flush=True)
+        args.sample = len(order)
     print(f"{len(points)} mutation points in src/ ({time.monotonic() - t0:.0f} s to parse); "
           f"drawing {args.sample} with seed {args.seed}", flush=True)
     listed = collections.defaultdict(collections.Counter)
@@ -507,6 +516,8 @@ def main():
     parser.add_argument("--sample", type=int, default=int(os.environ.get("SAMPLE") or 0))
     parser.add_argument("--seed", type=int, default=int(os.environ.get("SEED") or 1))
     parser.add_argument("--equivalents", default=EQUIVALENTS)
+    parser.add_argument("--ids", default=os.environ.get("MUTANTS", ""),
+                        help="with --sample: run these mutant ids (or @FILE of ids) instead")
     args = parser.parse_args()
     if args.sample < 0:
         parser.error("--sample must be positive")
