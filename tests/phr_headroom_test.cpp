@@ -48,6 +48,10 @@ TEST(PhrBaseHeadroom, RatesPeriodsAndTheVsyncGuard) {
     EXPECT_EQ(a->baseHeadroom(), static_cast<int64_t>(0.7f * static_cast<float>(kP120)));
     EXPECT_EQ(a->maxHeadroom(), kHeavyCeiling);
     EXPECT_EQ(m->getLayerState(2)->mHeadroom.load(), -1);
+    const int64_t p61 = 16'393'442; // 61 fps is already the high class: its rate and ceiling
+    m->setVsyncInfo(p61, 61);
+    EXPECT_EQ(a->baseHeadroom(), static_cast<int64_t>(0.7f * static_cast<float>(p61)));
+    EXPECT_EQ(a->maxHeadroom(), static_cast<int64_t>(1.8f * static_cast<float>(p61)));
 
     // An unknown period is stored too: the base is then the 1.5 ms guard.
     for (int64_t unknown : {int64_t{-1}, int64_t{0}}) {
