@@ -65,7 +65,8 @@ class WebSocket:
         self.sock = socket.create_connection((u.hostname, u.port), timeout=TIMEOUT_S)
         key = base64.b64encode(os.urandom(16)).decode()
         self.sock.sendall((f"GET {u.path} HTTP/1.1\r\nHost: {u.hostname}:{u.port}\r\nUpgrade: websocket\r\n"
-                           f"Connection: Upgrade\r\nSec-WebSocket-Key: {key}\r\nSec-WebSocket-Version: 13\r\n\r\n").encode())
+                           f"Connection: Upgrade\r\nSec-WebSocket-Key: {key}\r\n"
+                           "Sec-WebSocket-Version: 13\r\n\r\n").encode())
         head = b""
         while b"\r\n\r\n" not in head:
             chunk = self.sock.recv(4096)
@@ -200,7 +201,8 @@ def page_problems(events, session):
             problems.append("console error: " + " ".join(str(a.get("value", a.get("description", "")))
                                                          for a in p.get("args", [])))
         elif method == "Log.entryAdded" and p["entry"].get("level") == "error":
-            problems.append("console error: " + p["entry"].get("text", "") + " " + p["entry"].get("url", ""))
+            entry = p["entry"]
+            problems.append(("console error: " + entry.get("text", ""))[:160] + " " + entry.get("url", "")[:80])
         elif method == "Network.requestWillBeSent":
             scheme = p["request"]["url"].split(":", 1)[0]
             if scheme not in ("file", "data", "about"):
@@ -268,7 +270,8 @@ def self_test(browser):
             caught = any(expected in p for p in problems) if expected else not problems
             ok &= caught
             verdict = "fails as it should" if expected else "passes as it should"
-            print(f"self-test: {name}: {verdict if caught else 'WRONG'}" + (f" ({problems})" if not caught or expected else ""))
+            print(f"self-test: {name}: {verdict if caught else 'WRONG'}" +
+                  (f" ({problems})" if not caught or expected else ""))
     return ok
 
 

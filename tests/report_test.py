@@ -60,7 +60,8 @@ class Report(unittest.TestCase):
             f.write('{"seed": 1, "reruns": 1, "duration_s": 2.5, "axes": [{"hint": 4171, '
                     '"text": "com.example.game", "values": [4500, 6000]}]}')
         # A property the library refuses puts an error line in the log.
-        for name, args in {"run": ["--frames", cls.path("run.csv"), "--prop", "vendor.perf.gpu_jank_filter.min_exec_time_mult=abc"],
+        for name, args in {"run": ["--frames", cls.path("run.csv"),
+                                   "--prop", "vendor.perf.gpu_jank_filter.min_exec_time_mult=abc"],
                            "compare": ["--compare", "--frames", cls.path("frames.csv")],
                            "sweep": ["--sweep", cls.path("sweep-plan.json")]}.items():
             duration = [] if name == "sweep" else ["--duration", "2.5"]
@@ -72,7 +73,8 @@ class Report(unittest.TestCase):
                                                                  "frames.disabled.csv"], "sweep": ["sweep.json"]}
         cls.pages, cls.pictures = {}, {}
         for name, files in cls.inputs.items():
-            run = subprocess.run([REPORT, "--out", cls.path(name), *map(cls.path, files)], capture_output=True, text=True)
+            run = subprocess.run([REPORT, "--out", cls.path(name), *map(cls.path, files)],
+                                 capture_output=True, text=True)
             assert run.returncode == 0, run.stderr
             assert run.stdout.splitlines()[-1] == f"report: {cls.path(name)}/index.html", run.stdout
             cls.pictures[name] = [line for line in run.stdout.splitlines() if line.endswith(".png")]

@@ -100,7 +100,8 @@ def cell(value, tag="td", numbers=True):
         return f"<th class=sub>{esc(value.strip())}</th>"
     # Short figures line up on the right, where a column of them is read downwards.
     text = str(value)
-    numeric = numbers and tag == "td" and not isinstance(value, Raw) and len(text) < 30 and re.match(r"^[-+]?[\d–]", text)
+    numeric = (numbers and tag == "td" and not isinstance(value, Raw) and len(text) < 30
+               and re.match(r"^[-+]?[\d–]", text))
     return f"<{tag}{' class=n' if numeric else ''}>{esc(value)}</{tag}>"
 
 
@@ -233,7 +234,8 @@ def layer_figures(l):
          if b.get("attributed", True) else "the run's records name no layer (see Boosts)"),
         ("boost events from the service", count(b.get("service"))),
         ("target rate", target),
-        ("touch→present per frame p50 / p95", latency(l.get("input_to_present_ms"), "frames", "no frame read a touch")),
+        ("touch→present per frame p50 / p95",
+         latency(l.get("input_to_present_ms"), "frames", "no frame read a touch")),
         ("per touch event p50 / p95", latency(l.get("touch_event_to_present_ms"), "events", "no touch event shown")),
         ("smart touch", f"{count(t.get('instant_buffers'))} instant buffers, {count(t.get('moves_consumed_now'))} "
                         f"moves consumed now, {count(t.get('moves_held'))} held"),
@@ -251,7 +253,8 @@ def phases_table(l):
     rows = []
     for p in l.get("phases") or []:
         ft = p.get("frame_timeline") or {}
-        rows.append((p.get("name", DASH), f"{ms(p.get('from_s'))}-{ms(p.get('to_s'))} s", count(p.get("frames_presented")),
+        rows.append((p.get("name", DASH), f"{ms(p.get('from_s'))}-{ms(p.get('to_s'))} s",
+                     count(p.get("frames_presented")),
                      latency(p.get("input_to_present_ms"), "frames", "no touch"),
                      latency(p.get("touch_event_to_present_ms"), "events", "no touch"),
                      f"{count(ft.get('late'))} ({count(ft.get('late_vsyncs'))} vsyncs)", causes(ft), stuffing(ft),
@@ -455,7 +458,8 @@ def compare_sections(c, pictures):
     phases = len(own)
     head = ["", "disabled", "enabled", "change"] + ([f"over {phases} vsync phases"] if phases > 1 else [])
     body = facts([("scenario", on.get("scenario", DASH)), ("each run", f"{ms(on.get('duration_s'))} s"),
-                  ("clock", on.get("clock", DASH)), ("seed", count(on["seed"]) if "seed" in on else "not in this summary"),
+                  ("clock", on.get("clock", DASH)),
+                  ("seed", count(on["seed"]) if "seed" in on else "not in this summary"),
                   ("vsync phases", f"{phases}, on seeds one apart" if phases > 1 else "the scenario's")])
     body += failures(on) + failures(off)
     for l in on.get("layers", []):
@@ -567,7 +571,8 @@ def sweep_sections(sweep, pictures):
         body = f"<p>best setting ({esc(best.get('label', DASH))}), as the service pushes it:</p>"
         body += pre(top.get("setting") or [DASH])
         body += f"<p>reproduce: <code>{esc(best.get('command', DASH))}</code></p>"
-        body += note(f"seeds {count(seed)} to {count(last)}, the vsyncs moved by 0, 1/4, 1/2 and 3/4 of a period in turn")
+        body += note(f"seeds {count(seed)} to {count(last)}, "
+                     "the vsyncs moved by 0, 1/4, 1/2 and 3/4 of a period in turn")
         b = best.get("spread") or {}
         body += table(["", "re-runs", "verdict against the baseline"], [
             ("best setting", spread_text(b), ""),
