@@ -11,6 +11,7 @@ import re
 import subprocess
 import sys
 import tempfile
+import types
 import unittest
 
 import matplotlib.image
@@ -64,7 +65,8 @@ class Report(unittest.TestCase):
                                    "--prop", "vendor.perf.gpu_jank_filter.min_exec_time_mult=abc"],
                            "compare": ["--compare", "--frames", cls.path("frames.csv")],
                            "sweep": ["--sweep", cls.path("sweep-plan.json")]}.items():
-            duration = [] if name == "sweep" else ["--duration", "2.5"]
+            # Five seconds: the frame rescue boosts at 4.5 s, and the last phase (from 5 s) is empty.
+            duration = {"run": ["--duration", "5"], "compare": ["--duration", "2.5"], "sweep": []}[name]
             run = subprocess.run([SIM, *duration, "--jobs", "2", "--summary", cls.path(name + ".json"), *args],
                                  capture_output=True, text=True)
             assert run.returncode == 0, run.stderr
@@ -150,6 +152,42 @@ class Report(unittest.TestCase):
             links = re.findall(r"(?:src|href)=['\"]?([^'\" >]+)", page)
             self.assertEqual([u for u in links if not (u.startswith(("data:", "#")) or os.path.exists(
                 self.path(name, u)))], [], f"{name}: a link that leaves the page's directory")
+
+    def test_every_layer_is_drawn_on_the_same_axes_with_only_its_own_boosts(self):
+        report = types.ModuleType("pelyx_report")
+        report.__file__ = REPORT
+        with open(REPORT) as f:
+            exec(compile(f.read(), REPORT, "exec"), report.__dict__)
+        with open(self.path("run.json")) as f:
+            summary = json.load(f)
+        rows = report.read_frames(self.path("run.csv"))
+        layers = {label: [r for r in rows if r["layer"] == label] for label in report.drawn_layers(summary, rows)}
+        self.assertEqual(list(layers), ["game", "chat"])
+        limits = report.timeline_limits(layers.values(), summary)
+        axes = {label: report.timeline_figure(summary, frames, label, label, limits).get_axes()
+                for label, frames in layers.items()}
+        for game, chat in zip(axes["game"][:3], axes["chat"][:3]):
+            self.assertEqual((game.get_xlim(), game.get_ylim()), (chat.get_xlim(), chat.get_ylim()))
+        self.assertGreaterEqual(axes["chat"][0].get_ylim()[1], max(report.present_gaps(layers["game"])))
+        # The boost records are the game's (frame rescue acts on it alone): a boost-level axis there only.
+        self.assertTrue(summary["boost_records"])
+        self.assertEqual([len(axes["game"]), len(axes["chat"])], [4, 3])
+
+    def test_names_and_lines_from_apps_stay_text_on_the_page(self):
+        with open(self.path("run.json")) as f:
+            summary = json.load(f)
+        hostile = "<img src=x onerror=alert(1)></table>&amp;"
+        summary["layers"][1]["name"] = hostile
+        summary["scene_reports"].append(hostile)
+        summary["log_error_lines"] = [hostile]
+        with open(self.path("hostile.json"), "w") as f:
+            json.dump(summary, f)
+        run = self.report(self.path("hostile.json"), self.path("run.csv"))
+        self.assertEqual(run.returncode, 0, run.stderr)
+        with open(self.path("out", "index.html")) as f:
+            page = f.read()
+        self.assertEqual(page.count("<img"), 3, "the pictures' images and no other")
+        self.assertEqual(" ".join(Page(page).text).count(hostile), 3)
 
     def test_a_file_it_cannot_use_gets_one_line_and_status_2(self):
         with open(self.path("frames.enabled.csv")) as f:
