@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test run report-docs goldens asan tsan bench fuzz soak mutate clean
+.PHONY: all deps build test run report-docs browser-check goldens asan tsan bench fuzz soak mutate clean
 
 all: build
 
@@ -19,24 +19,37 @@ build: deps build/release/build.ninja
 test: build
 	ctest --preset release -j $(JOBS) $(CTEST_ARGS)
 
-# pelyx-sim on its built-in scenario (about 10 s); SIM_ARGS adds options, e.g. SIM_ARGS=--compare.
-# Its summary, frames and report go to build/run/.
+# pelyx-sim on its built-in scenario (about 10 s); SIM_ARGS adds options, e.g. SIM_ARGS=--compare or
+# SIM_ARGS="--sweep tools/sim/sweeps/default.json". Its summary, frames and report page go to
+# build/run/; the last line names the page. A sweep writes no frames.
 SIM_ARGS ?=
+RUN_FRAMES = $(if $(findstring --sweep,$(SIM_ARGS)),,--frames build/run/frames.csv)
 run: deps build/release/build.ninja
 	cmake --build --preset release -j $(JOBS) --target pelyx-sim
 	@rm -rf build/run && mkdir -p build/run
-	build/release/tools/sim/pelyx-sim --summary build/run/summary.json --frames build/run/frames.csv $(SIM_ARGS)
-	@tools/report/pelyx-report --out build/run/report build/run/summary.json build/run/*.csv | tail -n 1
+	build/release/tools/sim/pelyx-sim --summary build/run/summary.json $(RUN_FRAMES) $(SIM_ARGS)
+	@tools/report/pelyx-report --out build/run/report build/run/summary.json $$(ls build/run/*.csv 2>/dev/null) | tail -n 1
 
-# The pictures of the built-in scenario's --compare and of its sweep that the README shows.
+# The report pages of a short run, a --compare and a small sweep, checked in headless Chromium
+# (Debian's, installed when missing); their screenshots stay in build/browser-check/.
+browser-check: deps build/release/build.ninja
+	@scripts/deps.sh browser
+	cmake --build --preset release -j $(JOBS) --target pelyx-sim
+	scripts/browser-check.sh
+
+# The README's pictures: the built-in scenario's --compare and sweep, and the top of its run page.
 report-docs: deps build/release/build.ninja
+	@scripts/deps.sh browser
 	cmake --build --preset release -j $(JOBS) --target pelyx-sim
 	@rm -rf build/docs-run && mkdir -p build/docs-run
+	build/release/tools/sim/pelyx-sim --quiet --summary build/docs-run/run.json --frames build/docs-run/run.csv
+	tools/report/pelyx-report --out build/docs-run/run build/docs-run/run.json build/docs-run/run.csv
 	build/release/tools/sim/pelyx-sim --compare --summary build/docs-run/compare.json --frames build/docs-run/frames.csv
 	build/release/tools/sim/pelyx-sim --sweep tools/sim/sweeps/default.json --summary build/docs-run/sweep.json
-	tools/report/pelyx-report --out docs build/docs-run/compare.json build/docs-run/frames.enabled.csv \
+	tools/report/pelyx-report --out build/docs-run/report build/docs-run/compare.json build/docs-run/frames.enabled.csv \
 	  build/docs-run/frames.disabled.csv build/docs-run/sweep.json
-	rm -f docs/index.html
+	cp build/docs-run/report/timeline-enabled-game.png build/docs-run/report/latency.png build/docs-run/report/sweep.png docs/
+	scripts/browser-check.py --height 1250 --screenshots docs report=build/docs-run/run/index.html
 
 # Rewrites the scenario goldens (tests/goldens/*.records) from fresh runs: review with git diff.
 goldens: build

@@ -1,11 +1,15 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the build needs, only those missing.
+#   scripts/deps.sh           the build, the tests and the simulator's report
+#   scripts/deps.sh browser   those and the headless browser of `make browser-check`
 set -eu
 pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
       android-platform-frameworks-native-headers
       libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils
       python3 python3-matplotlib python3-clang)
+# Only the browser check needs a browser: `make test` stays without one.
+[ "${1:-}" = browser ] && pkgs+=(chromium fonts-dejavu-core)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

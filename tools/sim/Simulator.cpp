@@ -355,6 +355,7 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     result.virtualClock = settings.virtualClock;
     result.scenario = scenario.name;
     result.vsyncPhase = scenario.vsyncPhase;
+    result.seed = scenario.seed;
     result.width = scenario.width;
     result.height = scenario.height;
     result.refreshHz = scenario.refreshHz;

@@ -157,6 +157,7 @@ Json::Value toJson(const RunResult& r) {
     root["library_enabled"] = r.libraryEnabled;
     root["clock"] = r.virtualClock ? "virtual" : "real";
     root["vsync_phase"] = number(r.vsyncPhase);
+    root["seed"] = r.seed;
     root["duration_s"] = number(r.durationS);
     // From the host, unlike everything else on the virtual clock: not the same from run to run.
     root["wall_s"] = number(r.wallS);

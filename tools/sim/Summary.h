@@ -92,6 +92,7 @@ struct RunResult {
     bool libraryEnabled = false;
     bool virtualClock = true;
     double vsyncPhase = 0;
+    uint32_t seed = 0;  // of the work-time models, so a page can say how to repeat the run
     double durationS = 0;  // simulated
     double wallS = 0;      // the host's time for the run
     uint64_t handoffs = 0;  // virtual clock: turns passed from one thread to another
