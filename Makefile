@@ -3,7 +3,7 @@
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test run report-docs asan tsan bench fuzz soak mutate clean
+.PHONY: all deps build test run report-docs asan tsan bench fuzz soak mutate clean sweep-parallel-check sweep-slurm-check
 
 all: build
 
@@ -37,6 +37,15 @@ report-docs: deps build/release/build.ninja
 	tools/report/pelyx-report --out docs build/docs-run/compare.json build/docs-run/frames.enabled.csv \
 	  build/docs-run/frames.disabled.csv build/docs-run/sweep.json
 	rm -f docs/index.html
+
+# A small sweep cut into shards, played by GNU parallel (two local slots) or as a Slurm job
+# array on a one-node cluster brought up on this machine, merged and compared with the
+# one-machine run. The Slurm check installs slurm-wlm and munge if they are missing (root).
+sweep-parallel-check: build
+	scripts/sweep-parallel-check.sh
+
+sweep-slurm-check: build
+	scripts/sweep-slurm-check.sh
 
 asan: deps build/asan/build.ninja
 	cmake --build --preset asan -j $(JOBS)

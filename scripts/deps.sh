@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, only those missing.
+# Installs the Debian packages the build needs, only those missing; with arguments, those
+# packages instead (what an opt-in check needs beyond the build).
 set -eu
-pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
+[ $# -gt 0 ] && pkgs=("$@") || pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
       android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
       android-platform-frameworks-native-headers
       libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils

@@ -387,7 +387,7 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
 
     text << "\nper entry (recommended: the best setting on its package's entries; janks summed and p50/p95 the mean "
             "over the seeds):\n";
-    snprintf(line, sizeof(line), "  %-40s %-26s %-20s %-20s %-20s\n", "entry", "package", "disabled janks p50",
+    snprintf(line, sizeof(line), "  %-42s %-24s %-20s %-20s %-20s\n", "entry", "package", "disabled janks p50",
              "own setting", "recommended");
     text << line;
     Json::Value entryList(Json::arrayValue);
@@ -416,7 +416,7 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
         for (const RankedSetting& r : rankSettings(figures, baseline, {e})) ranked.append(rowOf(r, ++entryRank));
         j["runs"] = ranked;
         entryList.append(j);
-        snprintf(line, sizeof(line), "  %-40s %-26s %-20s %-20s %-20s%s\n", entry.name.c_str(), plan.packages[e].c_str(),
+        snprintf(line, sizeof(line), "  %-42s %-24s %-20s %-20s %-20s%s\n", entry.name.c_str(), plan.packages[e].c_str(),
                  brief(baseline[e]).c_str(), brief(own[e]).c_str(), brief(figures[best.setting].perEntry[e]).c_str(),
                  figures[best.setting].perEntry[e].late > baseline[e].late ? "  (more janks than disabled)" : "");
         text << line;
