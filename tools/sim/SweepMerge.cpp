@@ -437,6 +437,26 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
     return {summary, recommendation, text.str()};
 }
 
+std::string hintsFileText(const Json::Value& hints) {
+    std::string text = "{\n";
+    for (const char* key : {"schema", "sweep", "sweep_hash"}) text += "  \"" + std::string(key) + "\": " + compact(hints[key]) + ",\n";
+    text += "  \"packages\": {";
+    const std::vector<std::string> packages = hints["packages"].getMemberNames();
+    for (size_t p = 0; p < packages.size(); ++p) {
+        const Json::Value& package = hints["packages"][packages[p]];
+        text += std::string(p == 0 ? "" : ",") + "\n    " + compact(Json::Value(packages[p])) + ": {\n";
+        for (const char* key : {"label", "entries", "worse_than_disabled"}) {
+            text += "      \"" + std::string(key) + "\": " + compact(package[key]) + ",\n";
+        }
+        text += "      \"axes\": [";
+        for (Json::ArrayIndex a = 0; a < package["axes"].size(); ++a) {
+            text += std::string(a == 0 ? "" : ",") + "\n        " + compact(package["axes"][a]);
+        }
+        text += "\n      ]\n    }";
+    }
+    return text + "\n  }\n}\n";
+}
+
 Json::Value applyHints(const Json::Value& scenario, const Json::Value& hints) {
     if (!hints.isObject() || hints["schema"].asString() != kHintsSchema) {
         throw ScenarioError("schema", std::string("not \"") + kHintsSchema + "\" (a recommendation of pelyx-sim --sweep)");

@@ -101,6 +101,9 @@ struct SweepResult {
 // Ranks and recommends. Throws std::runtime_error when an entry's baseline or own setting failed.
 SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged);
 
+// The recommendation as its file holds it: one line per axis.
+std::string hintsFileText(const Json::Value& hints);
+
 // The recommendation played into a scenario (as JSON): for each of the file's packages that an
 // app of the scenario has, each axis's one value replaces (or adds) that package's pushes of the
 // hint, or sets the property. Throws ScenarioError (key and reason) for a file it cannot use or

@@ -172,7 +172,7 @@ void finish(const Options& options, const MergedRuns& merged) {
     }
     if (!options.quiet) std::cout << result.report;
     if (!options.summaryPath.empty()) writeText(options.summaryPath, jsonText(result.summary));
-    if (!options.recommendPath.empty()) writeText(options.recommendPath, jsonText(result.recommendation));
+    if (!options.recommendPath.empty()) writeText(options.recommendPath, hintsFileText(result.recommendation));
 }
 
 int sweep(const Options& options, const std::string& executable) {
