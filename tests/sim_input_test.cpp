@@ -328,7 +328,7 @@ TEST(SimSweep, MistakesInASweepFileNameTheirKey) {
 }
 
 TEST(SimSweep, SettingsCoverTheGridOrARepeatableSample) {
-    SweepSpec plan = parseSweep(R"({"axes": [{"hint": 4171, "values": [4500, 6000, null]},
+    SweepSetup plan = parseSweep(R"({"axes": [{"hint": 4171, "values": [4500, 6000, null]},
                                              {"property": "p", "values": ["0", 1, true]}]})");
     EXPECT_EQ(settingsOf(plan).size(), 9u);
     EXPECT_EQ(settingsOf(plan)[5], (Setting{1, 2}));
@@ -341,7 +341,7 @@ TEST(SimSweep, SettingsCoverTheGridOrARepeatableSample) {
 
 TEST(SimSweep, ASettingReplacesTheScenariosPushesOrAddsOne) {
     const Json::Value base = parseStrictJson(kDefaultScenarioJson);
-    const SweepSpec plan = parseSweep(R"({"axes": [
+    const SweepSetup plan = parseSweep(R"({"axes": [
         {"hint": 4189, "values": ["com.example.game:jank=1.5", null]},
         {"hint": 4171, "text": "com.example.game", "values": [6000]},
         {"hint": 4321, "at_s": 2, "text": "x", "values": [7]},

@@ -49,7 +49,7 @@ TEST(SimSweepFile, MistakesInTheEntriesNameTheirKey) {
             EXPECT_NE(e.reason().find(c.reason), std::string::npos) << c.text << ": " << e.reason();
         }
     }
-    SweepSpec plan = parseSweep(R"({"scenario": "base.json", "layer": "game", "seeds": 2,
+    SweepSetup plan = parseSweep(R"({"scenario": "base.json", "layer": "game", "seeds": 2,
         "replays": [{"capture": "../c/one.csv", "package": "com.one"}, {"capture": "/abs/two.csv:ms", "name": "t"}],
         "scenarios": [{"scenario": "other.json", "layer": "x"}], )" + axes + "}");
     resolveBeside(&plan, "sweeps/s.json");

@@ -145,14 +145,14 @@ SweepEntry parseEntry(const Json::Value& v, const std::string& path, bool replay
 
 } // namespace
 
-SweepSpec parseSweep(const std::string& source) {
+SweepSetup parseSweep(const std::string& source) {
     const Json::Value root = parseStrictJson(source);
     onlyKeys(root, "", {"scenario", "replay", "replays", "scenarios", "duration_s", "layer", "seed", "seeds", "sample",
                         "reruns", "axes"});
     if (root.isMember("reruns")) {
         throw ScenarioError("reruns", "replaced by \"seeds\": every setting and the baseline play on that many seeds");
     }
-    SweepSpec plan;
+    SweepSetup plan;
     const std::string scenario = root.isMember("scenario") ? text(root["scenario"], "scenario") : "";
     const std::string layer = root.isMember("layer") ? text(root["layer"], "layer") : "";
     for (const char* list : {"scenarios", "replays"}) {
@@ -205,7 +205,7 @@ SweepSpec parseSweep(const std::string& source) {
     return plan;
 }
 
-void resolveBeside(SweepSpec* plan, const std::string& sweepPath) {
+void resolveBeside(SweepSetup* plan, const std::string& sweepPath) {
     const size_t slash = sweepPath.rfind('/');
     const std::string dir = slash == std::string::npos ? "" : sweepPath.substr(0, slash + 1);
     auto beside = [&dir](std::string* path) {
@@ -217,7 +217,7 @@ void resolveBeside(SweepSpec* plan, const std::string& sweepPath) {
     }
 }
 
-std::vector<Setting> settingsOf(const SweepSpec& plan) {
+std::vector<Setting> settingsOf(const SweepSetup& plan) {
     size_t total = 1;
     for (const SweepAxis& axis : plan.axes) total = std::min(total * axis.values.size(), kMaxRuns + 1);
     std::mt19937 random(plan.seed);
@@ -290,7 +290,7 @@ Json::Value applyAxisValue(const Json::Value& scenario, const SweepAxis& axis, c
     return out;
 }
 
-Json::Value applySetting(const Json::Value& scenario, const SweepSpec& plan, const Setting& setting,
+Json::Value applySetting(const Json::Value& scenario, const SweepSetup& plan, const Setting& setting,
                          const std::string& package) {
     Json::Value out = scenario;
     for (size_t a = 0; a < plan.axes.size(); ++a) {
@@ -344,7 +344,7 @@ Json::Value renamePackage(const Json::Value& scenario, const std::string& from, 
     return out;
 }
 
-std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& plan) {
+std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSetup& plan) {
     std::vector<std::string> lines;
     for (const SweepAxis& axis : plan.axes) {
         if (!axis.hint) {
@@ -367,7 +367,7 @@ std::vector<std::string> describeSetting(const Json::Value& applied, const Sweep
     return lines;
 }
 
-std::string settingLabel(const SweepSpec& plan, const Setting& setting) {
+std::string settingLabel(const SweepSetup& plan, const Setting& setting) {
     std::string label;
     for (size_t a = 0; a < plan.axes.size(); ++a) {
         const Json::Value& value = plan.axes[a].values[setting[a]];

@@ -41,7 +41,7 @@ struct SweepEntry {
     std::string package;  // the game package it stands for; empty: the ranked layer's app's own
 };
 
-struct SweepSpec {
+struct SweepSetup {
     std::vector<SweepEntry> entries;  // at least one
     std::optional<double> durationS;
     uint32_t seed = 1;
@@ -54,21 +54,21 @@ struct SweepSpec {
 using Setting = std::vector<size_t>;
 
 // Throws ScenarioError naming the key.
-SweepSpec parseSweep(const std::string& text);
+SweepSetup parseSweep(const std::string& text);
 SweepAxis parseSweepAxis(const Json::Value& v, const std::string& path);
 
 // Relative file names of the entries taken as beside the sweep file (a lexical rule, so that a
 // merge on another machine resolves them the same way).
-void resolveBeside(SweepSpec* plan, const std::string& sweepPath);
+void resolveBeside(SweepSetup* plan, const std::string& sweepPath);
 
 // Every combination in axis order, or `plan.sample` of them drawn with the sweep's seed.
-std::vector<Setting> settingsOf(const SweepSpec& plan);
+std::vector<Setting> settingsOf(const SweepSetup& plan);
 
 // The base scenario (as JSON) changed as the setting says: a hint value replaces the fields of
 // every push of that hint in the timeline (null removes them) or is pushed at the axis's time
 // when the scenario has none; a property value is set. With `package`, only the pushes whose
 // text names that package count (another app's pushes of the same hint stay).
-Json::Value applySetting(const Json::Value& scenario, const SweepSpec& plan, const Setting& setting,
+Json::Value applySetting(const Json::Value& scenario, const SweepSetup& plan, const Setting& setting,
                          const std::string& package = "");
 Json::Value applyAxisValue(const Json::Value& scenario, const SweepAxis& axis, const Json::Value& value,
                            const std::string& package);
@@ -84,8 +84,8 @@ Json::Value renamePackage(const Json::Value& scenario, const std::string& from, 
 
 // What the service pushes under the setting, from the scenario it plays (`applySetting`'s
 // result): each push of a swept hint with its time and fields, each swept property.
-std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& plan);
-std::string settingLabel(const SweepSpec& plan, const Setting& setting);
+std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSetup& plan);
+std::string settingLabel(const SweepSetup& plan, const Setting& setting);
 
 struct SweepMetrics {
     double p50Ms = 0;  // NaN when no frame sampled a touch

@@ -54,10 +54,10 @@ Json::Value shortForm(const Json::Value& v) {
 }
 
 // One value per axis, in the shape of the sweep's axes, naming `to` where the sweep named `from`.
-Json::Value axesOf(const SweepSpec& spec, const Setting& setting, const std::string& from, const std::string& to) {
+Json::Value axesOf(const SweepSetup& setup, const Setting& setting, const std::string& from, const std::string& to) {
     Json::Value axes(Json::arrayValue);
-    for (size_t a = 0; a < spec.axes.size(); ++a) {
-        const SweepAxis& axis = spec.axes[a];
+    for (size_t a = 0; a < setup.axes.size(); ++a) {
+        const SweepAxis& axis = setup.axes[a];
         Json::Value out(Json::objectValue);
         if (axis.hint) {
             out["hint"] = axis.hintId;
@@ -99,12 +99,12 @@ std::string hexHash(uint64_t hash) {
 
 SweepPlan makePlan(const SweepInputs& inputs) {
     SweepPlan plan;
-    plan.spec = parseSweep(inputs.sweepText);
-    resolveBeside(&plan.spec, inputs.sweepPath);
-    plan.settings = settingsOf(plan.spec);
-    for (const Setting& s : plan.settings) plan.labels.push_back(settingLabel(plan.spec, s));
+    plan.setup = parseSweep(inputs.sweepText);
+    resolveBeside(&plan.setup, inputs.sweepPath);
+    plan.settings = settingsOf(plan.setup);
+    for (const Setting& s : plan.settings) plan.labels.push_back(settingLabel(plan.setup, s));
     Json::StreamWriterBuilder writer;
-    for (const SweepEntry& e : plan.spec.entries) {
+    for (const SweepEntry& e : plan.setup.entries) {
         const std::string where = e.scenarioPath.empty() ? "(built-in scenario)" : e.scenarioPath;
         Json::Value base;
         try {
@@ -138,8 +138,8 @@ SweepPlan makePlan(const SweepInputs& inputs) {
 
 std::vector<PlannedRun> planRuns(const SweepPlan& plan) {
     std::vector<PlannedRun> runs;
-    for (size_t e = 0; e < plan.spec.entries.size(); ++e) {
-        for (int k = 0; k < plan.spec.seeds; ++k) {
+    for (size_t e = 0; e < plan.setup.entries.size(); ++e) {
+        for (int k = 0; k < plan.setup.seeds; ++k) {
             runs.push_back({e, k, RunKind::Baseline, 0});
             runs.push_back({e, k, RunKind::Default, 0});
             for (size_t s = 0; s < plan.settings.size(); ++s) runs.push_back({e, k, RunKind::Setting, s});
@@ -157,16 +157,16 @@ std::vector<size_t> shardRuns(size_t runs, int shard, int shards) {
 Json::Value scenarioOf(const SweepPlan& plan, const PlannedRun& run) {
     const std::string& own = plan.ownPackages[run.entry];
     Json::Value scenario = plan.bases[run.entry];
-    if (run.kind == RunKind::Setting) scenario = applySetting(scenario, plan.spec, plan.settings[run.setting], own);
+    if (run.kind == RunKind::Setting) scenario = applySetting(scenario, plan.setup, plan.settings[run.setting], own);
     if (plan.packages[run.entry] != own) scenario = renamePackage(scenario, own, plan.packages[run.entry]);
     return scenario;
 }
 
 std::vector<std::string> argumentsOf(const SweepPlan& plan, const PlannedRun& run, bool realClock) {
-    std::vector<std::string> args{"--seed", std::to_string(plan.spec.seed + static_cast<uint32_t>(run.seedIndex))};
+    std::vector<std::string> args{"--seed", std::to_string(plan.setup.seed + static_cast<uint32_t>(run.seedIndex))};
     if (run.seedIndex > 0) args.insert(args.end(), {"--vsync-phase", number(rerunVsyncPhase(run.seedIndex))});
-    if (plan.spec.durationS) args.insert(args.end(), {"--duration", number(*plan.spec.durationS)});
-    for (const auto& [layer, file] : plan.spec.entries[run.entry].replays) {
+    if (plan.setup.durationS) args.insert(args.end(), {"--duration", number(*plan.setup.durationS)});
+    for (const auto& [layer, file] : plan.setup.entries[run.entry].replays) {
         args.insert(args.end(), {"--replay", layer + "=" + file});
     }
     if (run.kind == RunKind::Baseline) args.push_back("--disable");
@@ -276,8 +276,8 @@ MergedRuns mergeParts(const std::vector<std::pair<std::string, Json::Value>>& pa
 }
 
 SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
-    const SweepSpec& spec = plan.spec;
-    const size_t entries = spec.entries.size(), settings = plan.settings.size();
+    const SweepSetup& setup = plan.setup;
+    const size_t entries = setup.entries.size(), settings = plan.settings.size();
     const std::vector<PlannedRun> runs = planRuns(plan);
     // [entry][seed]: baseline, own setting; [setting]: per entry, per seed.
     std::vector<std::vector<SweepMetrics>> baseSeeds(entries), ownSeeds(entries);
@@ -288,7 +288,7 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
         const RunOutcome& o = merged.outcomes[i];
         if (r.kind != RunKind::Setting && !o.ok) {
             throw std::runtime_error(std::string(r.kind == RunKind::Baseline ? "the baseline" : "the scenario's own setting") +
-                                     " of entry \"" + spec.entries[r.entry].name + "\" failed: " + o.error);
+                                     " of entry \"" + setup.entries[r.entry].name + "\" failed: " + o.error);
         }
         if (r.kind == RunKind::Baseline) baseSeeds[r.entry].push_back(o.metrics);
         if (r.kind == RunKind::Default) ownSeeds[r.entry].push_back(o.metrics);
@@ -316,12 +316,12 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
     summary["sweep_hash"] = merged.inputs.inputsHash;
     summary["binary_hash"] = merged.inputs.binaryHash;
     summary["clock"] = merged.inputs.realClock ? "real" : "virtual";
-    const SweepEntry& firstEntry = spec.entries[0];
+    const SweepEntry& firstEntry = setup.entries[0];
     summary["scenario"] = entries == 1 ? (firstEntry.scenarioPath.empty() ? "(built-in scenario)" : firstEntry.scenarioPath)
                                        : std::to_string(entries) + " entries";
     summary["layer"] = plan.rankedLayers[0];
-    summary["seed"] = spec.seed;
-    summary["seeds"] = spec.seeds;
+    summary["seed"] = setup.seed;
+    summary["seeds"] = setup.seeds;
     summary["settings"] = static_cast<Json::UInt64>(settings);
     summary["runs_played"] = static_cast<Json::UInt64>(runs.size());
     summary["rule"] = kRule;
@@ -333,7 +333,7 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
         row["janks"] = r.total.late;
         row["non_dominated"] = r.nonDominated;
         row["worse_than_disabled_on"] = Json::Value(Json::arrayValue);
-        for (size_t e : r.worseOn) row["worse_than_disabled_on"].append(spec.entries[e].name);
+        for (size_t e : r.worseOn) row["worse_than_disabled_on"].append(setup.entries[e].name);
         row["failed"] = r.failed;
         if (r.failed) row["error"] = r.error;
         return row;
@@ -343,8 +343,8 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
     for (const RankedSetting& r : overall) {
         Json::Value row = rowOf(r, ++rank);
         Json::Value pushes(Json::arrayValue);
-        for (const std::string& line : describeSetting(applySetting(plan.bases[0], spec, plan.settings[r.setting],
-                                                                    plan.ownPackages[0]), spec)) {
+        for (const std::string& line : describeSetting(applySetting(plan.bases[0], setup, plan.settings[r.setting],
+                                                                    plan.ownPackages[0]), setup)) {
             pushes.append(line);
         }
         row["setting"] = pushes;
@@ -357,7 +357,7 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
     char line[768];
     snprintf(line, sizeof(line), "pelyx-sim --sweep %s: %zu settings x %zu %s x %d seed%s (%zu runs with each entry's "
              "baseline and own setting), seed %u\n", merged.inputs.sweepPath.c_str(), settings, entries,
-             entries == 1 ? "entry" : "entries", spec.seeds, spec.seeds == 1 ? "" : "s", runs.size(), spec.seed);
+             entries == 1 ? "entry" : "entries", setup.seeds, setup.seeds == 1 ? "" : "s", runs.size(), setup.seed);
     text << line << "ranked: " << kRule << ".\n"
          << "janks, vsyncs and boosts summed over the entries and seeds; p50, p95, fps, hold p99, cpu/s their mean;\n"
          << "* no other setting is better on p50, janks and boosts at once; worse: entries with more janks than the "
@@ -378,9 +378,9 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
         chosen[package] = best;
         Json::Value p(Json::objectValue);
         p["label"] = plan.labels[best.setting];
-        for (size_t e : members) p["entries"].append(spec.entries[e].name);
+        for (size_t e : members) p["entries"].append(setup.entries[e].name);
         p["worse_than_disabled"] = !best.worseOn.empty();
-        p["axes"] = axesOf(spec, plan.settings[best.setting], plan.ownPackages[members[0]], package);
+        p["axes"] = axesOf(setup, plan.settings[best.setting], plan.ownPackages[members[0]], package);
         recommendation["packages"][package] = p;
     }
     summary["recommendation"] = recommendation;
@@ -393,7 +393,7 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
     Json::Value entryList(Json::arrayValue);
     auto brief = [](const SweepMetrics& m) { return std::to_string(m.late) + "  " + fixed("%.1f", m.p50Ms); };
     for (size_t e = 0; e < entries; ++e) {
-        const SweepEntry& entry = spec.entries[e];
+        const SweepEntry& entry = setup.entries[e];
         const RankedSetting& best = chosen[plan.packages[e]];
         Json::Value j(Json::objectValue);
         j["name"] = entry.name;
@@ -402,8 +402,8 @@ SweepResult summarize(const SweepPlan& plan, const MergedRuns& merged) {
         std::string play = entry.scenarioPath.empty() ? "" : entry.scenarioPath + " ";
         for (const auto& [layer, file] : entry.replays) play += "--replay " + layer + "=" + file + " ";
         if (plan.packages[e] != plan.ownPackages[e]) play += "--package " + plan.rankedLayers[e] + "=" + plan.packages[e] + " ";
-        play += "--seed " + std::to_string(spec.seed);
-        if (spec.durationS) play += " --duration " + number(*spec.durationS);
+        play += "--seed " + std::to_string(setup.seed);
+        if (setup.durationS) play += " --duration " + number(*setup.durationS);
         j["play"] = play;
         j["baseline"] = metricsJson(baseline[e]);
         j["default"] = metricsJson(own[e]);

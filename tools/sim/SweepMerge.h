@@ -43,7 +43,7 @@ struct SweepInputs {
 // The sweep made ready to play. Throws ScenarioError (key and reason) for a bad sweep file or a
 // setting that makes an entry's scenario invalid.
 struct SweepPlan {
-    SweepSpec spec;
+    SweepSetup setup;
     std::vector<Setting> settings;
     std::vector<std::string> labels;          // per setting
     std::vector<Json::Value> bases;           // per entry: its scenario

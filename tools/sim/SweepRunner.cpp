@@ -77,15 +77,15 @@ SweepInputs readInputs(const Options& options, const std::string& executable) {
     inputs.sweepPath = options.sweepPath;
     inputs.sweepText = slurp(options.sweepPath);
     inputs.realClock = options.realClock;
-    SweepSpec spec;
+    SweepSetup setup;
     try {
-        spec = parseSweep(inputs.sweepText);
+        setup = parseSweep(inputs.sweepText);
     } catch (const ScenarioError& e) {
         throw SweepFailure(kExitUsage, options.sweepPath + ": " + e.key() + ": " + e.reason());
     }
-    resolveBeside(&spec, options.sweepPath);
+    resolveBeside(&setup, options.sweepPath);
     uint64_t hash = fnv1a(inputs.sweepText);
-    for (const SweepEntry& e : spec.entries) {
+    for (const SweepEntry& e : setup.entries) {
         if (!e.scenarioPath.empty() && !inputs.scenarios.count(e.scenarioPath)) {
             inputs.scenarios[e.scenarioPath] = slurp(e.scenarioPath);
         }
@@ -196,7 +196,7 @@ int sweep(const Options& options, const std::string& executable) {
     const int parallel = options.jobs > 0 ? options.jobs : defaultJobs();
     if (!options.quiet) {
         fprintf(stderr, "pelyx-sim: sweep of %zu runs (%zu settings x %zu entries x %d seeds, with the baselines)",
-                total, plan.settings.size(), plan.spec.entries.size(), plan.spec.seeds);
+                total, plan.settings.size(), plan.setup.entries.size(), plan.setup.seeds);
         if (options.shard) fprintf(stderr, ", shard %d/%d: %zu of them", shard, shards, indices.size());
         fprintf(stderr, ", %d at a time\n", parallel);
     }
