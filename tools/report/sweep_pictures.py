@@ -1,6 +1,6 @@
 """Pictures of a pelyx-sim sweep over several entries (captures or scenarios).
 
-pictures(sweep, out, save) draws, from a sweep summary that has "entries":
+pictures(sweep, out, save) draws, from a sweep summary with two or more "entries":
   - per entry, the recommended setting against the library disabled and the entry's own
     setting: janks, and touch-to-present p50 and p95;
   - the settings over all entries, p50 against janks, the non-dominated set joined and the
@@ -70,7 +70,8 @@ def front_figure(sweep):
 
 
 def pictures(sweep, out, save):
-    if not sweep.get("entries"):
+    # A sweep of one entry has its picture already (pelyx-report's latency against janks).
+    if len(sweep.get("entries") or []) < 2:
         return []
     return [("Sweep: recommended setting per entry", save(entries_figure(sweep), out, "sweep-entries.png")),
             ("Sweep: settings over all entries", save(front_figure(sweep), out, "sweep-front.png"))]
