@@ -3,7 +3,8 @@
 JOBS ?= $(shell nproc)
 CTEST_ARGS ?=
 
-.PHONY: all deps build test run report-docs browser-check goldens asan tsan bench fuzz soak mutate clean
+.PHONY: all deps build test run report-docs browser-check goldens asan tsan bench fuzz soak mutate clean \
+  sweep-parallel-check sweep-slurm-check
 
 all: build
 
@@ -54,6 +55,15 @@ report-docs: deps build/release/build.ninja
 # Rewrites the scenario goldens (tests/goldens/*.records) from fresh runs: review with git diff.
 goldens: build
 	$(PYTHON) scripts/goldens.py --sim build/release/tools/sim/pelyx-sim --update
+
+# A small sweep cut into shards, played by GNU parallel (two local slots) or as a Slurm job
+# array on a one-node cluster brought up on this machine, merged and compared with the
+# one-machine run. The Slurm check installs slurm-wlm and munge if they are missing (root).
+sweep-parallel-check: build
+	scripts/sweep-parallel-check.sh
+
+sweep-slurm-check: build
+	scripts/sweep-slurm-check.sh
 
 asan: deps build/asan/build.ninja
 	cmake --build --preset asan -j $(JOBS)

@@ -1,15 +1,20 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build needs, only those missing.
-#   scripts/deps.sh           the build, the tests and the simulator's report
-#   scripts/deps.sh browser   those and the headless browser of `make browser-check`
+# Installs the Debian packages the build needs, only those missing; with arguments, those
+# packages instead (what an opt-in check needs beyond the build). `browser` stands for the
+# headless browser of `make browser-check`, so that `make test` stays without one.
 set -eu
-pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
-      android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
-      android-platform-frameworks-native-headers
-      libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils
-      python3 python3-matplotlib python3-clang)
-# Only the browser check needs a browser: `make test` stays without one.
-[ "${1:-}" = browser ] && pkgs+=(chromium fonts-dejavu-core)
+if [ $# -gt 0 ]; then
+  pkgs=()
+  for a in "$@"; do
+    if [ "$a" = browser ]; then pkgs+=(chromium fonts-dejavu-core); else pkgs+=("$a"); fi
+  done
+else
+  pkgs=(cmake ninja-build make pkg-config clang llvm libclang-rt-dev g++
+        android-libutils-dev android-liblog-dev android-libbase-dev android-libcutils-dev
+        android-platform-frameworks-native-headers
+        libjsoncpp-dev libre2-dev libgtest-dev libgmock-dev googletest libbenchmark-dev binutils
+        python3 python3-matplotlib python3-clang)
+fi
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

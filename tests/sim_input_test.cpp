@@ -131,7 +131,10 @@ TEST(SimOptions, RefusesBadCommandLines) {
     const std::vector<std::vector<std::string>> bad = {
             {"--bogus"}, {"--duration"}, {"--duration", "-1"}, {"--seed", "1.5"}, {"--prop", "=1"},
             {"--replay", "game="}, {"--quiet=1"}, {"a.json", "b.json"}, {"--compare", "--disable"},
-            {"--compare", "--trace", "t.json"}, {"--sweep", "s.json", "--seed", "2"}, {"--jobs", "0"}};
+            {"--compare", "--trace", "t.json"}, {"--sweep", "s.json", "--seed", "2"}, {"--jobs", "0"},
+            {"--sweep", "s.json", "--shard", "2/2", "--summary", "p"}, {"--sweep", "s.json", "--shard", "1/2"},
+            {"--sweep", "s.json", "--shard", "1", "--summary", "p"}, {"--merge"}, {"--merge", "p", "--jobs", "2"},
+            {"--recommend", "r.json"}, {"--sweep", "s.json", "--hints", "h.json"}};
     for (const auto& args : bad) {
         std::string line;
         for (const auto& a : args) line += a + " ";
@@ -310,7 +313,7 @@ TEST(SimWork, JitterSpreadsAroundTheMeanAndRepeatsWithTheSeed) {
 
 TEST(SimSweep, MistakesInASweepFileNameTheirKey) {
     const std::vector<BadCase> cases = {
-            {R"({"axes": [{"hint": 4171, "values": [1]}], "seeds": 2})", "seeds", "unknown key"},
+            {R"({"axes": [{"hint": 4171, "values": [1]}], "seed_count": 2})", "seed_count", "unknown key"},
             {R"({"layer": "g"})", "axes", "missing"},
             {R"({"axes": [{"hint": 4171, "values": [true]}]})", "axes[0].values[0]", "a text, an integer"},
             {R"({"axes": [{"property": "p", "at_s": 1, "values": ["1"]}]})", "axes[0].at_s", "hint axes only"},
@@ -325,7 +328,7 @@ TEST(SimSweep, MistakesInASweepFileNameTheirKey) {
 }
 
 TEST(SimSweep, SettingsCoverTheGridOrARepeatableSample) {
-    SweepSpec plan = parseSweep(R"({"axes": [{"hint": 4171, "values": [4500, 6000, null]},
+    SweepSetup plan = parseSweep(R"({"axes": [{"hint": 4171, "values": [4500, 6000, null]},
                                              {"property": "p", "values": ["0", 1, true]}]})");
     EXPECT_EQ(settingsOf(plan).size(), 9u);
     EXPECT_EQ(settingsOf(plan)[5], (Setting{1, 2}));
@@ -338,7 +341,7 @@ TEST(SimSweep, SettingsCoverTheGridOrARepeatableSample) {
 
 TEST(SimSweep, ASettingReplacesTheScenariosPushesOrAddsOne) {
     const Json::Value base = parseStrictJson(kDefaultScenarioJson);
-    const SweepSpec plan = parseSweep(R"({"axes": [
+    const SweepSetup plan = parseSweep(R"({"axes": [
         {"hint": 4189, "values": ["com.example.game:jank=1.5", null]},
         {"hint": 4171, "text": "com.example.game", "values": [6000]},
         {"hint": 4321, "at_s": 2, "text": "x", "values": [7]},
@@ -376,25 +379,6 @@ TEST(SimSweep, FiguresComeFromTheRankedLayer) {
     EXPECT_TRUE(std::isnan(m.p95Ms));
     EXPECT_EQ(std::make_tuple(m.late, m.lateVsyncs, m.boostTotal()), std::make_tuple(4, 6, 6));
     EXPECT_THROW(metricsOf(summaryWith(nullptr, 1), "menu"), std::runtime_error);
-}
-
-TEST(SimSweep, RunsNoOtherBeatsOnAllThreeAreMarkedAndTheSmoothestLeads) {
-    auto run = [](double p50, int late, int boosts, bool failed = false) {
-        SweepRun r;
-        r.metrics.p50Ms = p50, r.metrics.late = late, r.metrics.boosts[0] = boosts, r.failed = failed;
-        return r;
-    };
-    const double none = std::nan("");
-    std::vector<SweepRun> runs = {run(50, 10, 2), run(40, 20, 2), run(40, 20, 3), run(45, 5, 0),
-                                  run(none, 5, 0), run(30, 0, 0, true), run(50, 10, 2)};
-    const std::vector<size_t> order = rankRuns(&runs);
-    EXPECT_EQ(order, (std::vector<size_t>{3, 4, 0, 6, 1, 2, 5})) << "late frames, then latency, then boosts";
-    std::vector<bool> marked;
-    for (const SweepRun& r : runs) marked.push_back(r.nonDominated);
-    // 2 loses to 1 on boosts; 0 and 6 lose to 3, and so does the run without touches (latency
-    // unmeasured is the worst); a failed run is never marked.
-    EXPECT_EQ(marked, (std::vector<bool>{false, true, false, true, false, false, false}));
-    EXPECT_FALSE(dominates(runs[0].metrics, runs[6].metrics)) << "equal is not better";
 }
 
 } // namespace

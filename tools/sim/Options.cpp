@@ -41,8 +41,18 @@ options:
                        GPU boosts, fence deadline requests, buffer holds and log lines
   --frames FILE        writes one CSV row per presented frame (times, latencies, verdicts);
                        with --compare, FILE's name with .enabled and .disabled before .csv
-  --sweep SWEEP.json   plays every setting of a sweep file (see the README), ranks them and
-                       re-runs the best and the baseline on other seeds
+  --package LAYER=PKG  the app of LAYER takes package PKG (the hints that name its package
+                       follow); before --hints
+  --hints FILE         plays a sweep's recommendation (--recommend) into the scenario: each
+                       of its packages that an app has gets that package's hints and properties
+  --sweep SWEEP.json   plays every setting of a sweep file on each of its entries and seeds
+                       (see the README), ranks them over the entries and recommends one per
+                       game package
+  --shard K/N          with --sweep: plays only the K-th (0 to N-1) of N fixed slices of the
+                       runs and writes them as a part to --summary
+  --merge PART...      ranks and recommends from the parts of every shard of one sweep; the
+                       same output as the sweep played on one machine
+  --recommend FILE     with --sweep or --merge: writes the recommendation (the hints file)
   --jobs N             runs at a time for --sweep and --compare (default: the machine's cores)
   --compare            runs the scenario library enabled then disabled (split into the same
                        phases) and prints the differences side by side; then the same for four
@@ -178,6 +188,29 @@ Options parseOptions(const std::vector<std::string>& args) {
             o.framesPath = file();
         } else if (arg == "--sweep") {
             o.sweepPath = file();
+        } else if (arg == "--shard") {
+            const std::string text = value();
+            const size_t slash = text.find('/');
+            double k = -1, n = 0;
+            try {
+                if (slash != std::string::npos) k = parseNumber(arg, text.substr(0, slash)), n = parseNumber(arg, text.substr(slash + 1));
+            } catch (const UsageError&) {
+                k = -1;
+            }
+            if (k < 0 || n < 1 || n > 100000 || k >= n || k != std::floor(k) || n != std::floor(n)) {
+                throw UsageError(arg + ": expected K/N with 0 <= K < N, got \"" + text + "\"");
+            }
+            o.shard = std::make_pair(static_cast<int>(k), static_cast<int>(n));
+        } else if (arg == "--merge") {
+            flag(o.merge);
+        } else if (arg == "--recommend") {
+            o.recommendPath = file();
+        } else if (arg == "--hints") {
+            o.hintsPath = file();
+        } else if (arg == "--package") {
+            auto package = splitAssignment(arg, value());
+            if (package.second.empty()) throw UsageError(arg + ": no package given");
+            o.packages.push_back(package);
         } else if (arg == "--jobs") {
             const double jobs = parseNumber(arg, value());
             if (jobs < 1 || jobs > 64 || jobs != std::floor(jobs)) throw UsageError(arg + ": must be a whole number from 1 to 64");
@@ -200,19 +233,37 @@ Options parseOptions(const std::vector<std::string>& args) {
             flag(o.printDefault);
         } else if (arg.size() > 1 && arg[0] == '-') {
             throw UsageError("unknown option " + arg);
+        } else if (o.merge) {
+            o.mergePaths.push_back(arg);
         } else if (o.scenarioPath.empty()) {
             o.scenarioPath = arg;
         } else {
             throw UsageError("more than one scenario file: " + o.scenarioPath + ", " + arg);
         }
     }
+    if (o.merge) {
+        // Parts given before --merge count too.
+        if (!o.scenarioPath.empty()) o.mergePaths.insert(o.mergePaths.begin(), o.scenarioPath);
+        o.scenarioPath.clear();
+        if (o.mergePaths.empty()) throw UsageError("--merge: no part given");
+    }
+    const bool playsOne = o.compare || o.disable || !o.scenarioPath.empty() || !o.tracePath.empty() ||
+            !o.framesPath.empty() || !o.logPath.empty() || !o.recordsPath.empty() || !o.replays.empty() ||
+            !o.props.empty() || o.durationS ||
+            o.seed || o.refreshHz || o.vsyncPhase || !o.loops.empty() || !o.hintsPath.empty() || !o.packages.empty();
+    if (o.merge && (!o.sweepPath.empty() || playsOne || o.shard || o.jobs || o.realClock)) {
+        throw UsageError("--merge takes everything from its parts; only --summary, --recommend and --quiet go with it");
+    }
+    if (o.shard && (o.sweepPath.empty() || o.summaryPath.empty() || !o.recommendPath.empty())) {
+        throw UsageError("--shard goes with --sweep and --summary (the part), and without --recommend (the merge's)");
+    }
+    if (!o.recommendPath.empty() && o.sweepPath.empty() && !o.merge) {
+        throw UsageError("--recommend goes with --sweep or --merge");
+    }
     if (o.compare && o.disable) throw UsageError("--compare and --disable exclude each other");
-    if (!o.sweepPath.empty() &&
-        (o.compare || o.disable || !o.scenarioPath.empty() || !o.tracePath.empty() || !o.framesPath.empty() ||
-         !o.logPath.empty() || !o.recordsPath.empty() || !o.replays.empty() || !o.props.empty() || o.durationS || o.seed || o.refreshHz ||
-         o.vsyncPhase || !o.loops.empty())) {
+    if (!o.sweepPath.empty() && playsOne) {
         throw UsageError("--sweep takes its scenario and settings from the sweep file; only --jobs, --clock, "
-                         "--summary and --quiet go with it");
+                         "--shard, --summary, --recommend and --quiet go with it");
     }
     if (o.compare && (!o.tracePath.empty() || !o.logPath.empty() || !o.recordsPath.empty())) {
         throw UsageError("--compare writes no trace, log or records file");
@@ -258,6 +309,8 @@ std::vector<std::string> scenarioArguments(const Options& o) {
     if (o.watchdogS != 10.0) args.insert(args.end(), {"--watchdog", number(o.watchdogS)});
     for (const auto& [k, v] : o.props) args.insert(args.end(), {"--prop", k + "=" + v});
     for (const auto& [k, v] : o.replays) args.insert(args.end(), {"--replay", k + "=" + v});
+    for (const auto& [k, v] : o.packages) args.insert(args.end(), {"--package", k + "=" + v});
+    if (!o.hintsPath.empty()) args.insert(args.end(), {"--hints", o.hintsPath});
     return args;
 }
 

@@ -33,6 +33,12 @@ struct Options {
     std::string recordsPath;
     std::string framesPath;
     std::string sweepPath;
+    std::optional<std::pair<int, int>> shard;  // --shard K/N: K from 0 to N-1
+    bool merge = false;                        // --merge PART...: the parts are mergePaths
+    std::vector<std::string> mergePaths;
+    std::string recommendPath;                 // --recommend FILE: the sweep's hints file
+    std::string hintsPath;                     // --hints FILE: a recommendation played into the scenario
+    std::vector<std::pair<std::string, std::string>> packages;  // --package LAYER=PKG
     int jobs = 0;  // 0: the machine's cores
     bool realClock = false;  // --clock real: the host's clock and scheduler
     double watchdogS = 10.0;

@@ -68,7 +68,9 @@ Json::Value hintFields(const Json::Value& v, const std::string& path) {
     return fields;
 }
 
-SweepAxis parseAxis(const Json::Value& v, const std::string& path) {
+} // namespace
+
+SweepAxis parseSweepAxis(const Json::Value& v, const std::string& path) {
     onlyKeys(v, path, {"hint", "property", "at_s", "text", "value", "value2", "values"});
     SweepAxis axis;
     if (v.isMember("hint") == v.isMember("property")) {
@@ -113,38 +115,109 @@ SweepAxis parseAxis(const Json::Value& v, const std::string& path) {
     return axis;
 }
 
+namespace {
+
+// "dir/name.ext" -> "name".
+std::string stem(const std::string& path) {
+    const std::string name = path.substr(path.rfind('/') == std::string::npos ? 0 : path.rfind('/') + 1);
+    const size_t dot = name.rfind('.');
+    return dot == std::string::npos || dot == 0 ? name : name.substr(0, dot);
+}
+
+// An entry of "replays" (a capture on the sweep's scenario) or of "scenarios".
+SweepEntry parseEntry(const Json::Value& v, const std::string& path, bool replay, const std::string& scenario,
+                      const std::string& layer) {
+    onlyKeys(v, path, replay ? std::set<std::string>{"capture", "layer", "package", "name", "scenario"}
+                             : std::set<std::string>{"scenario", "layer", "package", "name"});
+    SweepEntry e;
+    const char* file = replay ? "capture" : "scenario";
+    if (!v.isMember(file)) throw ScenarioError(join(path, file), "missing");
+    e.scenarioPath = v.isMember("scenario") ? text(v["scenario"], join(path, "scenario")) : scenario;
+    e.layer = v.isMember("layer") ? text(v["layer"], join(path, "layer")) : layer;
+    if (replay) {
+        if (e.layer.empty()) throw ScenarioError(join(path, "layer"), "missing: the layer that replays the capture");
+        e.replays.emplace_back(e.layer, text(v["capture"], join(path, "capture")));
+    }
+    if (v.isMember("package")) e.package = text(v["package"], join(path, "package"));
+    e.name = v.isMember("name") ? text(v["name"], join(path, "name")) : stem(replay ? e.replays[0].second : e.scenarioPath);
+    return e;
+}
+
 } // namespace
 
-SweepSpec parseSweep(const std::string& source) {
+SweepSetup parseSweep(const std::string& source) {
     const Json::Value root = parseStrictJson(source);
-    onlyKeys(root, "", {"scenario", "replay", "duration_s", "layer", "seed", "sample", "reruns", "axes"});
-    SweepSpec plan;
-    if (root.isMember("scenario")) plan.scenarioPath = text(root["scenario"], "scenario");
-    if (root.isMember("replay")) {
-        const Json::Value& r = root["replay"];
-        if (!r.isObject()) throw ScenarioError("replay", "must be an object of layer label to capture file");
-        for (const std::string& layer : r.getMemberNames()) plan.replays.emplace_back(layer, text(r[layer], "replay." + layer));
+    onlyKeys(root, "", {"scenario", "replay", "replays", "scenarios", "duration_s", "layer", "seed", "seeds", "sample",
+                        "reruns", "axes"});
+    if (root.isMember("reruns")) {
+        throw ScenarioError("reruns", "replaced by \"seeds\": every setting and the baseline play on that many seeds");
+    }
+    SweepSetup plan;
+    const std::string scenario = root.isMember("scenario") ? text(root["scenario"], "scenario") : "";
+    const std::string layer = root.isMember("layer") ? text(root["layer"], "layer") : "";
+    for (const char* list : {"scenarios", "replays"}) {
+        if (!root.isMember(list)) continue;
+        if (root.isMember("replay")) throw ScenarioError("replay", std::string("goes with no \"") + list + "\" list");
+        const Json::Value& entries = root[list];
+        if (!entries.isArray() || entries.empty()) throw ScenarioError(list, "must be a non-empty list");
+        for (Json::ArrayIndex i = 0; i < entries.size(); ++i) {
+            const std::string path = std::string(list) + "[" + std::to_string(i) + "]";
+            plan.entries.push_back(parseEntry(entries[i], path, list[0] == 'r', scenario, layer));
+            for (size_t j = 0; j + 1 < plan.entries.size(); ++j) {
+                if (plan.entries[j].name == plan.entries.back().name) {
+                    throw ScenarioError(path, "a second entry named \"" + plan.entries.back().name + "\" (give it a \"name\")");
+                }
+            }
+        }
+    }
+    if (plan.entries.empty()) {
+        SweepEntry e;
+        e.scenarioPath = scenario;
+        e.layer = layer;
+        e.name = scenario.empty() ? "default" : stem(scenario);
+        if (root.isMember("replay")) {
+            const Json::Value& r = root["replay"];
+            if (!r.isObject()) throw ScenarioError("replay", "must be an object of layer label to capture file");
+            for (const std::string& l : r.getMemberNames()) e.replays.emplace_back(l, text(r[l], "replay." + l));
+        }
+        plan.entries.push_back(e);
     }
     if (root.isMember("duration_s")) plan.durationS = number(root["duration_s"], "duration_s", 0.1, 3600);
-    if (root.isMember("layer")) plan.layer = text(root["layer"], "layer");
     if (root.isMember("seed")) plan.seed = static_cast<uint32_t>(number(root["seed"], "seed", 0, 4294967295.0));
+    if (root.isMember("seeds")) plan.seeds = static_cast<int>(number(root["seeds"], "seeds", 1, 20));
     if (root.isMember("sample")) plan.sample = static_cast<size_t>(number(root["sample"], "sample", 1, kMaxRuns));
-    if (root.isMember("reruns")) plan.reruns = static_cast<int>(number(root["reruns"], "reruns", 0, 20));
     if (!root.isMember("axes")) throw ScenarioError("axes", "missing");
     const Json::Value& axes = root["axes"];
     if (!axes.isArray() || axes.empty()) throw ScenarioError("axes", "must be a non-empty list");
     size_t combinations = 1;
     for (Json::ArrayIndex i = 0; i < axes.size(); ++i) {
-        plan.axes.push_back(parseAxis(axes[i], "axes[" + std::to_string(i) + "]"));
+        plan.axes.push_back(parseSweepAxis(axes[i], "axes[" + std::to_string(i) + "]"));
         combinations *= plan.axes.back().values.size();
         if (combinations > kMaxRuns && plan.sample == 0) {
             throw ScenarioError("axes", "more than " + std::to_string(kMaxRuns) + " combinations; ask for a sample");
         }
     }
+    const size_t settings = plan.sample > 0 ? std::min(plan.sample, combinations) : combinations;
+    if (settings * plan.entries.size() * static_cast<size_t>(plan.seeds) > kMaxRuns * 10) {
+        throw ScenarioError("axes", "more than " + std::to_string(kMaxRuns * 10) +
+                                            " runs over the entries and seeds; ask for a smaller sample");
+    }
     return plan;
 }
 
-std::vector<Setting> settingsOf(const SweepSpec& plan) {
+void resolveBeside(SweepSetup* plan, const std::string& sweepPath) {
+    const size_t slash = sweepPath.rfind('/');
+    const std::string dir = slash == std::string::npos ? "" : sweepPath.substr(0, slash + 1);
+    auto beside = [&dir](std::string* path) {
+        if (!path->empty() && (*path)[0] != '/') *path = dir + *path;
+    };
+    for (SweepEntry& e : plan->entries) {
+        beside(&e.scenarioPath);
+        for (auto& replay : e.replays) beside(&replay.second);
+    }
+}
+
+std::vector<Setting> settingsOf(const SweepSetup& plan) {
     size_t total = 1;
     for (const SweepAxis& axis : plan.axes) total = std::min(total * axis.values.size(), kMaxRuns + 1);
     std::mt19937 random(plan.seed);
@@ -175,44 +248,103 @@ std::vector<Setting> settingsOf(const SweepSpec& plan) {
     return all;
 }
 
-Json::Value applySetting(const Json::Value& scenario, const SweepSpec& plan, const Setting& setting) {
+std::string packageOfText(const std::string& text) {
+    return text.substr(0, text.find(':'));
+}
+
+Json::Value applyAxisValue(const Json::Value& scenario, const SweepAxis& axis, const Json::Value& value,
+                           const std::string& package) {
     Json::Value out = scenario;
-    for (size_t a = 0; a < plan.axes.size(); ++a) {
-        const SweepAxis& axis = plan.axes[a];
-        const Json::Value& value = axis.values[setting[a]];
-        if (!axis.hint) {
-            if (!out["properties"].isObject()) out["properties"] = Json::Value(Json::objectValue);
-            out["properties"][axis.property] = value;
+    if (!axis.hint) {
+        if (!out["properties"].isObject()) out["properties"] = Json::Value(Json::objectValue);
+        out["properties"][axis.property] = value;
+        return out;
+    }
+    auto ours = [&](const Json::Value& event) {
+        return event.isMember("hint") && event["hint"].asInt() == axis.hintId &&
+               (package.empty() || packageOfText(event["text"].asString()) == package);
+    };
+    Json::Value timeline(Json::arrayValue);
+    bool found = false;
+    for (const Json::Value& event : out["timeline"]) {
+        if (!ours(event)) {
+            timeline.append(event);
             continue;
         }
-        Json::Value timeline(Json::arrayValue);
-        bool found = false;
-        for (const Json::Value& event : out["timeline"]) {
-            if (!event.isMember("hint") || event["hint"].asInt() != axis.hintId) {
-                timeline.append(event);
-                continue;
-            }
-            found = true;
-            if (value.isNull()) continue;
-            Json::Value changed = event;
-            for (const std::string& key : axis.fields.getMemberNames()) changed[key] = axis.fields[key];
-            for (const std::string& key : value.getMemberNames()) changed[key] = value[key];
-            timeline.append(changed);
-        }
-        if (!found && !value.isNull()) {
-            Json::Value event(Json::objectValue);
-            event["at_s"] = axis.atS;
-            event["hint"] = axis.hintId;
-            for (const std::string& key : axis.fields.getMemberNames()) event[key] = axis.fields[key];
-            for (const std::string& key : value.getMemberNames()) event[key] = value[key];
-            timeline.append(event);
-        }
-        out["timeline"] = timeline;
+        found = true;
+        if (value.isNull()) continue;
+        Json::Value changed = event;
+        for (const std::string& key : axis.fields.getMemberNames()) changed[key] = axis.fields[key];
+        for (const std::string& key : value.getMemberNames()) changed[key] = value[key];
+        timeline.append(changed);
+    }
+    if (!found && !value.isNull()) {
+        Json::Value event(Json::objectValue);
+        event["at_s"] = axis.atS;
+        event["hint"] = axis.hintId;
+        for (const std::string& key : axis.fields.getMemberNames()) event[key] = axis.fields[key];
+        for (const std::string& key : value.getMemberNames()) event[key] = value[key];
+        timeline.append(event);
+    }
+    out["timeline"] = timeline;
+    return out;
+}
+
+Json::Value applySetting(const Json::Value& scenario, const SweepSetup& plan, const Setting& setting,
+                         const std::string& package) {
+    Json::Value out = scenario;
+    for (size_t a = 0; a < plan.axes.size(); ++a) {
+        out = applyAxisValue(out, plan.axes[a], plan.axes[a].values[setting[a]], package);
     }
     return out;
 }
 
-std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& plan) {
+namespace {
+
+// A layer's label as the scenario gives it or derives it (the package's last component, with
+// the layer's number when the app has several).
+std::string labelOf(const Json::Value& app, Json::ArrayIndex layer) {
+    const Json::Value& l = app["layers"][layer];
+    if (l.isMember("label")) return l["label"].asString();
+    const std::string package = app["package"].asString();
+    std::string label = package.substr(package.rfind('.') == std::string::npos ? 0 : package.rfind('.') + 1);
+    if (app["layers"].size() > 1) label += "." + std::to_string(layer + 1);
+    return label;
+}
+
+} // namespace
+
+std::pair<std::string, std::string> rankedLayerOf(const Json::Value& scenario, const std::string& layer) {
+    const Json::Value& apps = scenario["apps"];
+    for (const Json::Value& app : apps) {
+        for (Json::ArrayIndex i = 0; i < app["layers"].size(); ++i) {
+            if (layer.empty() ? app["game"].asBool() : labelOf(app, i) == layer) {
+                return {labelOf(app, i), app["package"].asString()};
+            }
+        }
+    }
+    if (layer.empty() && apps.isArray() && !apps.empty() && !apps[0]["layers"].empty()) {
+        return {labelOf(apps[0], 0), apps[0]["package"].asString()};
+    }
+    throw ScenarioError("layer", "the scenario has no layer labelled \"" + layer + "\"");
+}
+
+Json::Value renamePackage(const Json::Value& scenario, const std::string& from, const std::string& to) {
+    Json::Value out = scenario;
+    for (Json::Value& app : out["apps"]) {
+        if (app["package"].asString() != from) continue;
+        for (Json::ArrayIndex i = 0; i < app["layers"].size(); ++i) app["layers"][i]["label"] = labelOf(app, i);
+        app["package"] = to;
+    }
+    for (Json::Value& event : out["timeline"]) {
+        if (!event.isMember("hint") || !event.isMember("text") || !event["text"].isString()) continue;
+        const std::string text = event["text"].asString();
+        if (packageOfText(text) == from) event["text"] = to + text.substr(from.size());
+    }
+    return out;
+}
+
+std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSetup& plan) {
     std::vector<std::string> lines;
     for (const SweepAxis& axis : plan.axes) {
         if (!axis.hint) {
@@ -235,7 +367,7 @@ std::vector<std::string> describeSetting(const Json::Value& applied, const Sweep
     return lines;
 }
 
-std::string settingLabel(const SweepSpec& plan, const Setting& setting) {
+std::string settingLabel(const SweepSetup& plan, const Setting& setting) {
     std::string label;
     for (size_t a = 0; a < plan.axes.size(); ++a) {
         const Json::Value& value = plan.axes[a].values[setting[a]];
@@ -292,26 +424,6 @@ bool dominates(const SweepMetrics& a, const SweepMetrics& b) {
     return noWorse && better;
 }
 
-std::vector<size_t> rankRuns(std::vector<SweepRun>* runs) {
-    std::vector<SweepRun>& all = *runs;
-    for (SweepRun& r : all) {
-        r.nonDominated = !r.failed;
-        for (const SweepRun& other : all) {
-            if (!r.failed && !other.failed && dominates(other.metrics, r.metrics)) r.nonDominated = false;
-        }
-    }
-    std::vector<size_t> order(all.size());
-    std::iota(order.begin(), order.end(), 0);
-    auto key = [&](size_t i) {
-        const SweepMetrics& m = all[i].metrics;
-        return std::make_tuple(all[i].failed, m.late,
-                               std::isnan(m.p50Ms) ? std::numeric_limits<double>::infinity() : m.p50Ms,
-                               m.boostTotal());
-    };
-    std::stable_sort(order.begin(), order.end(), [&](size_t a, size_t b) { return key(a) < key(b); });
-    return order;
-}
-
 Spread spreadOf(const std::vector<SweepMetrics>& metrics) {
     Spread s;
     std::vector<double> p50, late;
@@ -347,40 +459,33 @@ Json::Value metricsJson(const SweepMetrics& m) {
     v["boosts_by_level"] = boosts;
     v["boosts"] = m.boostTotal();
     v["hold_p99_ms"] = num(m.holdP99Ms);
-    v["library_cpu_ms_per_s"] = num(m.libraryCpuMsPerS);
     return v;
 }
 
-void printSweepTable(const SweepSpec& plan, const std::vector<SweepRun>& runs, const std::vector<size_t>& order,
-                     std::ostream& out) {
-    auto f = [](const char* format, double v) {
-        if (std::isnan(v)) return std::string("-");
-        char text[32];
-        snprintf(text, sizeof(text), format, v);
-        return std::string(text);
+Json::Value exactMetricsJson(const SweepMetrics& m) {
+    auto num = [](double v) { return std::isnan(v) ? Json::Value() : Json::Value(v); };
+    Json::Value v(Json::arrayValue);
+    for (double x : {m.p50Ms, m.p95Ms, m.presentedFps, m.holdP99Ms, m.libraryCpuMsPerS}) v.append(num(x));
+    for (int x : {m.late, m.lateVsyncs, m.boosts[0], m.boosts[1], m.boosts[2]}) v.append(x);
+    return v;
+}
+
+SweepMetrics exactMetricsOf(const Json::Value& v) {
+    if (!v.isArray() || v.size() != 10) throw std::runtime_error("not a run's figures");
+    auto num = [](const Json::Value& x) {
+        if (!x.isNull() && !x.isNumeric()) throw std::runtime_error("not a run's figures");
+        return x.isNull() ? kNaN : x.asDouble();
     };
-    char line[512];
-    snprintf(line, sizeof(line), "%-5s %-2s %8s %8s %6s %7s %6s %-10s %8s %7s  %s\n", "rank", "", "p50 ms",
-             "p95 ms", "janks", "vsyncs", "fps", "boosts", "hold p99", "cpu/s", "setting");
-    out << line;
-    int rank = 0;
-    for (size_t i : order) {
-        const SweepRun& r = runs[i];
-        const SweepMetrics& m = r.metrics;
-        if (r.failed) {
-            snprintf(line, sizeof(line), "%-5s %-2s %s  %s\n", "-", "", "failed:", r.error.c_str());
-            out << line;
-            continue;
-        }
-        const std::string boosts = std::to_string(m.boosts[0]) + "/" + std::to_string(m.boosts[1]) + "/" +
-                std::to_string(m.boosts[2]);
-        snprintf(line, sizeof(line), "%-5d %-2s %8s %8s %6d %7d %6s %-10s %8s %7s  %s\n", ++rank,
-                 r.nonDominated ? "*" : "", f("%.1f", m.p50Ms).c_str(), f("%.1f", m.p95Ms).c_str(), m.late,
-                 m.lateVsyncs, f("%.1f", m.presentedFps).c_str(),
-                 boosts.c_str(), f("%.1f", m.holdP99Ms).c_str(), f("%.2f", m.libraryCpuMsPerS).c_str(),
-                 settingLabel(plan, r.setting).c_str());
-        out << line;
-    }
+    auto integer = [](const Json::Value& x) {
+        if (!x.isInt()) throw std::runtime_error("not a run's figures");
+        return x.asInt();
+    };
+    SweepMetrics m;
+    m.p50Ms = num(v[0]), m.p95Ms = num(v[1]), m.presentedFps = num(v[2]), m.holdP99Ms = num(v[3]);
+    m.libraryCpuMsPerS = num(v[4]);
+    m.late = integer(v[5]), m.lateVsyncs = integer(v[6]);
+    m.boosts[0] = integer(v[7]), m.boosts[1] = integer(v[8]), m.boosts[2] = integer(v[9]);
+    return m;
 }
 
 } // namespace pelyx_sim

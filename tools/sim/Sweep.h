@@ -1,10 +1,11 @@
 #pragma once
 
-// A settings sweep: a base scenario (or a capture replay) played once for every combination of
-// the sweep's axes (or a seeded sample of them), each axis a list of values for a hint the
-// service pushes or for a property. Parsing, the scenario each setting plays, the figures read
-// from a run's summary, and the ranking live here as plain functions; the runs themselves are
-// child processes started by the executable.
+// A settings sweep: one or more entries (a scenario, or a capture replayed on one) each played
+// for every combination of the sweep's axes (or a seeded sample of them) on one or more seeds,
+// each axis a list of values for a hint the service pushes or for a property. Parsing, the
+// scenario each setting plays and the figures read from a run's summary live here as plain
+// functions; the ranking is in SweepRank.h, shards and merging in SweepMerge.h, and the runs
+// themselves are child processes started by the executable.
 
 #include <json/json.h>
 
@@ -31,14 +32,21 @@ struct SweepAxis {
     std::vector<Json::Value> values;
 };
 
-struct SweepSpec {
+// One scenario the settings are played on: a file or the built-in one, with captures replayed.
+struct SweepEntry {
+    std::string name;          // unique in the sweep; default: the capture's or scenario's file stem
     std::string scenarioPath;  // empty: the built-in scenario
     std::vector<std::pair<std::string, std::string>> replays;  // layer, file
+    std::string layer;    // whose figures rank the runs; empty: the first game's first layer
+    std::string package;  // the game package it stands for; empty: the ranked layer's app's own
+};
+
+struct SweepSetup {
+    std::vector<SweepEntry> entries;  // at least one
     std::optional<double> durationS;
-    std::string layer;  // whose figures rank the runs; empty: the first game's first layer
     uint32_t seed = 1;
+    int seeds = 1;      // every run is played on seeds seed .. seed + seeds - 1
     size_t sample = 0;  // 0: every combination
-    int reruns = 4;     // other seeds for the best setting and the baseline
     std::vector<SweepAxis> axes;
 };
 
@@ -46,20 +54,38 @@ struct SweepSpec {
 using Setting = std::vector<size_t>;
 
 // Throws ScenarioError naming the key.
-SweepSpec parseSweep(const std::string& text);
+SweepSetup parseSweep(const std::string& text);
+SweepAxis parseSweepAxis(const Json::Value& v, const std::string& path);
+
+// Relative file names of the entries taken as beside the sweep file (a lexical rule, so that a
+// merge on another machine resolves them the same way).
+void resolveBeside(SweepSetup* plan, const std::string& sweepPath);
 
 // Every combination in axis order, or `plan.sample` of them drawn with the sweep's seed.
-std::vector<Setting> settingsOf(const SweepSpec& plan);
+std::vector<Setting> settingsOf(const SweepSetup& plan);
 
 // The base scenario (as JSON) changed as the setting says: a hint value replaces the fields of
 // every push of that hint in the timeline (null removes them) or is pushed at the axis's time
-// when the scenario has none; a property value is set.
-Json::Value applySetting(const Json::Value& scenario, const SweepSpec& plan, const Setting& setting);
+// when the scenario has none; a property value is set. With `package`, only the pushes whose
+// text names that package count (another app's pushes of the same hint stay).
+Json::Value applySetting(const Json::Value& scenario, const SweepSetup& plan, const Setting& setting,
+                         const std::string& package = "");
+Json::Value applyAxisValue(const Json::Value& scenario, const SweepAxis& axis, const Json::Value& value,
+                           const std::string& package);
+
+// The package a hint's text names: the text up to its first ':'.
+std::string packageOfText(const std::string& text);
+// The label and the app package of `layer` (a label; empty: the first game's first layer, else
+// the first layer). Throws ScenarioError when there is none.
+std::pair<std::string, std::string> rankedLayerOf(const Json::Value& scenario, const std::string& layer);
+// The scenario with app package `from` renamed `to`, and every hint text that names `from` naming
+// `to`; its layers keep the labels they had.
+Json::Value renamePackage(const Json::Value& scenario, const std::string& from, const std::string& to);
 
 // What the service pushes under the setting, from the scenario it plays (`applySetting`'s
 // result): each push of a swept hint with its time and fields, each swept property.
-std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSpec& plan);
-std::string settingLabel(const SweepSpec& plan, const Setting& setting);
+std::vector<std::string> describeSetting(const Json::Value& applied, const SweepSetup& plan);
+std::string settingLabel(const SweepSetup& plan, const Setting& setting);
 
 struct SweepMetrics {
     double p50Ms = 0;  // NaN when no frame sampled a touch
@@ -81,19 +107,6 @@ SweepMetrics metricsOf(const Json::Value& summary, const std::string& layer);
 // `a` is no worse than `b` on latency (p50), late frames and boosts, and better on one.
 bool dominates(const SweepMetrics& a, const SweepMetrics& b);
 
-struct SweepRun {
-    Setting setting;
-    SweepMetrics metrics;
-    bool nonDominated = false;
-    bool failed = false;
-    std::string error;
-};
-
-// Marks the non-dominated runs and returns the run indices best first: by late frames (what a
-// pacing setting is for), then p50 (a run without a figure last), then boosts; failed runs at
-// the end.
-std::vector<size_t> rankRuns(std::vector<SweepRun>* runs);
-
 struct Spread {
     int runs = 0;
     double p50Min = 0, p50Max = 0, p50Mean = 0;
@@ -101,8 +114,11 @@ struct Spread {
 };
 Spread spreadOf(const std::vector<SweepMetrics>& metrics);
 
-void printSweepTable(const SweepSpec& plan, const std::vector<SweepRun>& runs,
-                     const std::vector<size_t>& order, std::ostream& out);
+// The figures of a run as a summary shows them (rounded to 0.001; host-only figures left out, so
+// that a summary is the same wherever its runs were played).
 Json::Value metricsJson(const SweepMetrics& m);
+// Every figure at full precision and back, for the parts a sharded sweep hands to its merge.
+Json::Value exactMetricsJson(const SweepMetrics& m);
+SweepMetrics exactMetricsOf(const Json::Value& v);
 
 } // namespace pelyx_sim

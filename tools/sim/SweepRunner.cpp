@@ -1,18 +1,20 @@
 #include "SweepRunner.h"
 
+#include <link.h>
+
 #include <cerrno>
-#include <cmath>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
-#include <memory>
 #include <sstream>
 
 #include "ChildRuns.h"
 #include "Scenario.h"
 #include "Sweep.h"
+#include "SweepMerge.h"
 
 namespace pelyx_sim {
 namespace {
@@ -30,260 +32,186 @@ private:
 };
 
 std::string slurp(const std::string& path) {
-    std::ifstream in(path);
+    std::ifstream in(path, std::ios::binary);
     if (!in) throw SweepFailure(kExitUsage, path + ": cannot open: " + strerror(errno));
     std::stringstream text;
     text << in.rdbuf();
     return text.str();
 }
 
-Json::Value parseJson(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    builder["allowComments"] = true;
-    std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    std::string errors;
-    reader->parse(text.data(), text.data() + text.size(), &value, &errors);
-    return value;
+void writeText(const std::string& path, const std::string& text) {
+    std::ofstream out(path, std::ios::binary);
+    out << text;
+    if (!out.flush()) throw SweepFailure(kExitFailed, path + ": cannot write");
 }
 
-void writeJson(const std::string& path, const Json::Value& value) {
-    if (!writeJsonFile(path, value)) throw SweepFailure(kExitFailed, path + ": cannot write");
+std::string jsonText(const Json::Value& value) {
+    Json::StreamWriterBuilder writer;
+    writer["indentation"] = "  ";
+    return Json::writeString(writer, value) + "\n";
 }
 
-// One child run to be played.
-struct Job {
-    std::string scenarioFile;
-    uint32_t seed = 1;
-    double vsyncPhase = 0;
-    bool disabled = false;
-    std::string name;
-    // Filled in when it has run.
-    bool ok = false;
-    std::string error;
-    Json::Value summary;
-};
-
-// Plays every job, `jobs` at a time, with a progress line on stderr.
-void playJobs(const std::string& executable, const SweepSpec& plan, std::vector<Job>* jobs, int parallel,
-              bool realClock, const std::string& dir, const std::string& what) {
-    std::vector<ChildRun> runs;
-    for (const Job& job : *jobs) {
-        ChildRun run;
-        run.args = {job.scenarioFile, "--seed", std::to_string(job.seed)};
-        char text[32];
-        if (plan.durationS) {
-            snprintf(text, sizeof(text), "%.17g", *plan.durationS);
-            run.args.insert(run.args.end(), {"--duration", text});
-        }
-        if (job.vsyncPhase != 0) {
-            snprintf(text, sizeof(text), "%.17g", job.vsyncPhase);
-            run.args.insert(run.args.end(), {"--vsync-phase", text});
-        }
-        for (const auto& [layer, file] : plan.replays) run.args.insert(run.args.end(), {"--replay", layer + "=" + file});
-        if (job.disabled) run.args.push_back("--disable");
-        if (realClock) run.args.insert(run.args.end(), {"--clock", "real"});
-        run.summaryFile = dir + "/" + job.name + ".out.json";
-        run.errorFile = dir + "/" + job.name + ".err";
-        runs.push_back(run);
+// The build that plays the runs: this executable and the project's own shared libraries it
+// loaded (libpelyx.so, the host platform, the stand-in client); the system's are left out.
+int hashObject(struct dl_phdr_info* info, size_t, void* data) {
+    const std::string name = info->dlpi_name ? info->dlpi_name : "";
+    if (name.empty() || name.rfind("/usr/", 0) == 0 || name.rfind("/lib", 0) == 0 || name.find("linux-vdso") != std::string::npos) {
+        return 0;
     }
+    auto* hash = static_cast<uint64_t*>(data);
+    std::ifstream in(name, std::ios::binary);
+    std::stringstream bytes;
+    bytes << in.rdbuf();
+    *hash = fnv1a(std::filesystem::path(name).filename().string() + "\n" + bytes.str(), *hash);
+    return 0;
+}
+
+std::string buildHash(const std::string& executable) {
+    uint64_t hash = fnv1a(slurp(executable));
+    dl_iterate_phdr(hashObject, &hash);
+    return hexHash(hash);
+}
+
+SweepInputs readInputs(const Options& options, const std::string& executable) {
+    SweepInputs inputs;
+    inputs.sweepPath = options.sweepPath;
+    inputs.sweepText = slurp(options.sweepPath);
+    inputs.realClock = options.realClock;
+    SweepSetup setup;
     try {
-        playChildRuns(executable, &runs, parallel, what);
-    } catch (const std::runtime_error& e) {
-        throw SweepFailure(kExitFailed, e.what());
-    }
-    for (size_t i = 0; i < runs.size(); ++i) {
-        (*jobs)[i].ok = runs[i].ok;
-        (*jobs)[i].error = runs[i].error;
-        (*jobs)[i].summary = runs[i].summary;
-    }
-}
-
-std::string resolve(const std::string& path, const std::string& sweepFile) {
-    if (path.empty() || path[0] == '/' || std::filesystem::exists(path)) return path;
-    const std::filesystem::path beside = std::filesystem::path(sweepFile).parent_path() / path;
-    return std::filesystem::exists(beside) ? beside.string() : path;
-}
-
-Json::Value spreadJson(const Spread& s) {
-    auto num = [](double v) { return std::isnan(v) ? Json::Value() : Json::Value(std::round(v * 1000) / 1000); };
-    Json::Value v(Json::objectValue);
-    v["runs"] = s.runs;
-    v["p50_ms"]["min"] = num(s.p50Min), v["p50_ms"]["mean"] = num(s.p50Mean), v["p50_ms"]["max"] = num(s.p50Max);
-    v["late"]["min"] = num(s.lateMin), v["late"]["mean"] = num(s.lateMean), v["late"]["max"] = num(s.lateMax);
-    return v;
-}
-
-std::string spreadText(const Spread& s) {
-    char text[160];
-    snprintf(text, sizeof(text), "p50 %.1f ms (%.1f-%.1f), janks %.1f (%.0f-%.0f) over %d runs", s.p50Mean,
-             s.p50Min, s.p50Max, s.lateMean, s.lateMin, s.lateMax, s.runs);
-    return text;
-}
-
-int sweep(const Options& options, const std::string& executable) {
-    SweepSpec plan;
-    try {
-        plan = parseSweep(slurp(options.sweepPath));
+        setup = parseSweep(inputs.sweepText);
     } catch (const ScenarioError& e) {
         throw SweepFailure(kExitUsage, options.sweepPath + ": " + e.key() + ": " + e.reason());
     }
-    plan.scenarioPath = resolve(plan.scenarioPath, options.sweepPath);
-    for (auto& [layer, file] : plan.replays) file = resolve(file, options.sweepPath);
-    const std::string baseText = plan.scenarioPath.empty() ? kDefaultScenarioJson : slurp(plan.scenarioPath);
-    const std::string baseLabel = plan.scenarioPath.empty() ? "(built-in scenario)" : plan.scenarioPath;
-    try {
-        parseScenario(baseText);
-    } catch (const ScenarioError& e) {
-        throw SweepFailure(kExitUsage, baseLabel + ": " + e.key() + ": " + e.reason());
+    resolveBeside(&setup, options.sweepPath);
+    uint64_t hash = fnv1a(inputs.sweepText);
+    for (const SweepEntry& e : setup.entries) {
+        if (!e.scenarioPath.empty() && !inputs.scenarios.count(e.scenarioPath)) {
+            inputs.scenarios[e.scenarioPath] = slurp(e.scenarioPath);
+        }
+        if (!e.scenarioPath.empty()) hash = fnv1a(inputs.scenarios[e.scenarioPath], hash);
+        for (const auto& replay : e.replays) {
+            // FILE:COLUMN names a column of FILE.
+            std::string file = replay.second;
+            if (!std::filesystem::exists(file) && file.rfind(':') != std::string::npos) file = file.substr(0, file.rfind(':'));
+            hash = fnv1a(slurp(file), hash);
+        }
     }
-    const Json::Value base = parseJson(baseText);
+    inputs.inputsHash = hexHash(hash);
+    inputs.binaryHash = buildHash(executable);
+    return inputs;
+}
 
+SweepPlan planOf(const SweepInputs& inputs) {
+    try {
+        return makePlan(inputs);
+    } catch (const ScenarioError& e) {
+        throw SweepFailure(kExitUsage, inputs.sweepPath + ": " + e.key() + ": " + e.reason());
+    }
+}
+
+// Plays the runs `indices` of the plan, `parallel` at a time.
+std::vector<RunOutcome> play(const std::string& executable, const SweepPlan& plan, const std::vector<size_t>& indices,
+                             int parallel, bool realClock, const std::string& what) {
     char dirTemplate[] = "/tmp/pelyx-sweep-XXXXXX";
     if (!mkdtemp(dirTemplate)) throw SweepFailure(kExitFailed, std::string("cannot create a directory: ") + strerror(errno));
     const std::string dir = dirTemplate;
+    const std::vector<PlannedRun> all = planRuns(plan);
     Json::StreamWriterBuilder writer;
-    auto scenarioFile = [&](const std::string& name, const Json::Value& scenario) {
-        const std::string path = dir + "/" + name + ".json";
-        std::ofstream(path) << Json::writeString(writer, scenario) << "\n";
-        return path;
-    };
-
-    const std::vector<Setting> settings = settingsOf(plan);
-    std::vector<Job> jobs;
-    for (size_t i = 0; i < settings.size(); ++i) {
-        const Json::Value scenario = applySetting(base, plan, settings[i]);
-        try {
-            parseScenario(Json::writeString(writer, scenario));
-        } catch (const ScenarioError& e) {
-            throw SweepFailure(kExitUsage, options.sweepPath + ": setting " + settingLabel(plan, settings[i]) +
-                                                   " makes the scenario invalid: " + e.key() + ": " + e.reason());
-        }
-        Job job;
-        job.scenarioFile = scenarioFile("run-" + std::to_string(i + 1), scenario);
-        job.seed = plan.seed;
-        job.name = "run-" + std::to_string(i + 1);
-        jobs.push_back(job);
+    std::vector<ChildRun> runs;
+    for (size_t i : indices) {
+        const std::string name = dir + "/run-" + std::to_string(i);
+        std::ofstream(name + ".json") << Json::writeString(writer, scenarioOf(plan, all[i])) << "\n";
+        ChildRun run;
+        run.args = {name + ".json"};
+        const std::vector<std::string> more = argumentsOf(plan, all[i], realClock);
+        run.args.insert(run.args.end(), more.begin(), more.end());
+        run.summaryFile = name + ".out.json";
+        run.errorFile = name + ".err";
+        runs.push_back(run);
     }
-    const int parallel = options.jobs > 0 ? options.jobs : defaultJobs();
-    fprintf(stderr, "pelyx-sim: sweep of %zu settings, %d at a time (runs in %s)\n", jobs.size(), parallel, dir.c_str());
-    playJobs(executable, plan, &jobs, parallel, options.realClock, dir, "sweep");
-
-    std::vector<SweepRun> runs(jobs.size());
-    for (size_t i = 0; i < jobs.size(); ++i) {
-        runs[i].setting = settings[i];
-        runs[i].failed = !jobs[i].ok;
-        runs[i].error = jobs[i].error;
-        if (jobs[i].ok) {
+    try {
+        if (!runs.empty()) playChildRuns(executable, &runs, parallel, what);
+    } catch (const std::runtime_error& e) {
+        throw SweepFailure(kExitFailed, e.what());
+    }
+    std::vector<RunOutcome> outcomes;
+    for (size_t n = 0; n < runs.size(); ++n) {
+        RunOutcome o;
+        o.ok = runs[n].ok;
+        o.error = runs[n].error;
+        if (o.ok) {
             try {
-                runs[i].metrics = metricsOf(jobs[i].summary, plan.layer);
+                o.metrics = metricsOf(runs[n].summary, plan.rankedLayers[all[indices[n]].entry]);
             } catch (const std::exception& e) {
-                throw SweepFailure(kExitUsage, options.sweepPath + ": layer: " + e.what());
+                o.ok = false;
+                o.error = e.what();
             }
         }
+        outcomes.push_back(o);
     }
-    const std::vector<size_t> order = rankRuns(&runs);
-    std::cout << "pelyx-sim --sweep " << options.sweepPath << ": " << runs.size() << " settings of "
-              << baseLabel << ", seed " << plan.seed << "; * no other run is better on latency, janks and boosts at once\n\n";
-    printSweepTable(plan, runs, order, std::cout);
-    if (runs[order[0]].failed) throw SweepFailure(kExitFailed, "every run failed; the first: " + runs[order[0]].error);
+    std::filesystem::remove_all(dir);
+    return outcomes;
+}
 
-    // The best setting and the library switched off, again on other seeds.
-    const size_t best = order[0];
-    const std::string bestFile = options.summaryPath.empty()
-            ? scenarioFile("best", applySetting(base, plan, runs[best].setting))
-            : options.summaryPath + ".best-scenario.json";
-    if (!options.summaryPath.empty()) writeJson(bestFile, applySetting(base, plan, runs[best].setting));
-    std::vector<Job> again;
-    // The best setting's own seed is played again too: a real-time run varies a little even on
-    // the same seed, and the spread should show it. Each further seed also moves the vsyncs
-    // against the scenario's times, so that a win that hangs on a phase shows in the spread.
-    for (int k = 0; k <= plan.reruns; ++k) {
-        for (bool disabled : {false, true}) {
-            Job job;
-            job.scenarioFile = disabled ? scenarioFile("baseline", base) : jobs[best].scenarioFile;
-            job.seed = plan.seed + static_cast<uint32_t>(k);
-            job.vsyncPhase = rerunVsyncPhase(k);
-            job.disabled = disabled;
-            job.name = std::string(disabled ? "baseline" : "best") + "-" + std::to_string(job.seed);
-            again.push_back(job);
+Json::Value readPart(const std::string& path) {
+    try {
+        return parseStrictJson(slurp(path));
+    } catch (const ScenarioError& e) {
+        throw SweepFailure(kExitUsage, path + ": not a part of a sharded sweep: " + e.key() + ": " + e.reason());
+    }
+}
+
+void finish(const Options& options, const MergedRuns& merged) {
+    const SweepPlan plan = planOf(merged.inputs);
+    SweepResult result;
+    try {
+        result = summarize(plan, merged);
+    } catch (const std::runtime_error& e) {
+        throw SweepFailure(kExitFailed, e.what());
+    }
+    if (!options.quiet) std::cout << result.report;
+    if (!options.summaryPath.empty()) writeText(options.summaryPath, jsonText(result.summary));
+    if (!options.recommendPath.empty()) writeText(options.recommendPath, hintsFileText(result.recommendation));
+}
+
+int sweep(const Options& options, const std::string& executable) {
+    if (options.merge) {
+        std::vector<std::pair<std::string, Json::Value>> parts;
+        for (const std::string& path : options.mergePaths) parts.emplace_back(path, readPart(path));
+        MergedRuns merged;
+        try {
+            merged = mergeParts(parts);
+        } catch (const MergeError& e) {
+            throw SweepFailure(kExitUsage, e.what());
         }
+        finish(options, merged);
+        return 0;
     }
-    // On real time the re-runs go one at a time, so that no run slows another.
-    playJobs(executable, plan, &again, options.realClock ? 1 : parallel, options.realClock, dir, "re-runs");
-    std::vector<SweepMetrics> bestMetrics{runs[best].metrics}, baseMetrics;
-    for (const Job& job : again) {
-        if (!job.ok) throw SweepFailure(kExitFailed, "a re-run failed: " + job.error);
-        (job.disabled ? baseMetrics : bestMetrics).push_back(metricsOf(job.summary, plan.layer));
+    const SweepInputs inputs = readInputs(options, executable);
+    const SweepPlan plan = planOf(inputs);
+    const size_t total = planRuns(plan).size();
+    const auto [shard, shards] = options.shard.value_or(std::make_pair(0, 1));
+    const std::vector<size_t> indices = shardRuns(total, shard, shards);
+    const int parallel = options.jobs > 0 ? options.jobs : defaultJobs();
+    if (!options.quiet) {
+        fprintf(stderr, "pelyx-sim: sweep of %zu runs (%zu settings x %zu entries x %d seeds, with the baselines)",
+                total, plan.settings.size(), plan.setup.entries.size(), plan.setup.seeds);
+        if (options.shard) fprintf(stderr, ", shard %d/%d: %zu of them", shard, shards, indices.size());
+        fprintf(stderr, ", %d at a time\n", parallel);
     }
-    const Spread bestSpread = spreadOf(bestMetrics), baseSpread = spreadOf(baseMetrics);
-
-    std::string command = "pelyx-sim " + bestFile + " --seed " + std::to_string(plan.seed);
-    if (plan.durationS) {
-        char duration[32];
-        snprintf(duration, sizeof(duration), " --duration %g", *plan.durationS);
-        command += duration;
+    const auto start = std::chrono::steady_clock::now();
+    const std::vector<RunOutcome> outcomes = play(executable, plan, indices, parallel, options.realClock, "sweep");
+    const double wallS = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    fprintf(stderr, "pelyx-sim: %zu runs in %.1f s of wall time, %.1f runs a second (%d at a time)\n", indices.size(),
+            wallS, wallS > 0 ? static_cast<double>(indices.size()) / wallS : 0.0, parallel);
+    const Json::Value part = makePart(inputs, shard, shards, total, indices, outcomes, wallS);
+    if (options.shard) {
+        writeText(options.summaryPath, jsonText(part));
+        return 0;
     }
-    for (const auto& [layer, file] : plan.replays) command += " --replay " + layer + "=" + file;
-    std::cout << "\nbest setting (" << settingLabel(plan, runs[best].setting) << "), as the service pushes it:\n";
-    for (const std::string& line : describeSetting(applySetting(base, plan, runs[best].setting), plan)) {
-        std::cout << "  " << line << "\n";
-    }
-    std::cout << "reproduce: " << command << "\n";
-    std::cout << "seeds " << plan.seed << " to " << plan.seed + static_cast<uint32_t>(plan.reruns)
-              << ", the vsyncs moved by 0, 1/4, 1/2 and 3/4 of a period in turn:\n"
-              << "  best setting:      " << spreadText(bestSpread) << "\n"
-              << "  library disabled:  " << spreadText(baseSpread) << "\n";
-    // Lower is better for both; each figure is judged on its own, since a setting may win one
-    // and lose the other.
-    auto against = [](const char* what, double bestMin, double bestMax, double baseMin, double baseMax) {
-        const char* verdict = bestMax < baseMin ? "better than the baseline in every run"
-                : bestMin > baseMax             ? "worse than the baseline in every run"
-                                                : "within the noise of these seeds and phases";
-        return std::string("  ") + what + ": " + verdict + "\n";
-    };
-    std::cout << against("p50", bestSpread.p50Min, bestSpread.p50Max, baseSpread.p50Min, baseSpread.p50Max)
-              << against("janks", bestSpread.lateMin, bestSpread.lateMax, baseSpread.lateMin, baseSpread.lateMax);
-
-    if (!options.summaryPath.empty()) {
-        Json::Value out(Json::objectValue);
-        out["schema"] = kSweepSchema;
-        out["sweep"] = options.sweepPath;
-        out["scenario"] = baseLabel;
-        out["layer"] = plan.layer;
-        out["seed"] = plan.seed;
-        Json::Value list(Json::arrayValue);
-        int rank = 0;
-        for (size_t i : order) {
-            const SweepRun& r = runs[i];
-            Json::Value run = metricsJson(r.metrics);
-            run["rank"] = r.failed ? Json::Value() : Json::Value(++rank);
-            run["label"] = settingLabel(plan, r.setting);
-            Json::Value pushes(Json::arrayValue);
-            for (const std::string& line : describeSetting(applySetting(base, plan, r.setting), plan)) pushes.append(line);
-            run["setting"] = pushes;
-            run["non_dominated"] = r.nonDominated;
-            run["janks"] = r.metrics.late;
-            run["failed"] = r.failed;
-            if (r.failed) run["error"] = r.error;
-            list.append(run);
-        }
-        out["runs"] = list;
-        Json::Value bestJson(Json::objectValue);
-        bestJson["label"] = settingLabel(plan, runs[best].setting);
-        bestJson["scenario_file"] = bestFile;
-        bestJson["command"] = command;
-        bestJson["spread"] = spreadJson(bestSpread);
-        out["best"] = bestJson;
-        out["baseline"]["spread"] = spreadJson(baseSpread);
-        writeJson(options.summaryPath, out);
-    }
-    // The runs' files go; the best scenario stays when it was written here.
-    std::error_code ignored;
-    for (const auto& entry : std::filesystem::directory_iterator(dir, ignored)) {
-        if (entry.path().string() != bestFile) std::filesystem::remove(entry.path(), ignored);
-    }
-    std::filesystem::remove(dir, ignored);  // only when empty
+    // On one machine the sweep is its one shard merged, through the same text a part file holds.
+    finish(options, mergeParts({{options.sweepPath, parseStrictJson(jsonText(part))}}));
     return 0;
 }
 

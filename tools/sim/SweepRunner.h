@@ -1,8 +1,9 @@
 #pragma once
 
-// pelyx-sim --sweep: plays every setting of a sweep file as a child run of this executable, up
-// to `--jobs` at a time, ranks them, re-runs the best and the baseline on other seeds, and
-// prints (and with --summary writes) the result. Returns the exit status.
+// pelyx-sim --sweep and --merge: plays a sweep's runs (all of them, or one shard's) as child
+// runs of this executable, up to `--jobs` at a time; writes a shard's part, or ranks the runs
+// (its own, or the merged parts') and prints and writes the summary and the recommendation.
+// Returns the exit status.
 
 #include <string>
 

@@ -22,6 +22,8 @@
 #include "Scenario.h"
 #include "Simulator.h"
 #include "Summary.h"
+#include "Sweep.h"
+#include "SweepMerge.h"
 #include "SweepRunner.h"
 
 namespace pelyx_sim {
@@ -50,7 +52,28 @@ std::string readFile(const std::string& path) {
 
 Scenario loadScenario(const Options& options) {
     const std::string label = options.scenarioPath.empty() ? "(built-in scenario)" : options.scenarioPath;
-    const std::string text = options.scenarioPath.empty() ? kDefaultScenarioJson : readFile(options.scenarioPath);
+    std::string text = options.scenarioPath.empty() ? kDefaultScenarioJson : readFile(options.scenarioPath);
+    if (!options.packages.empty() || !options.hintsPath.empty()) {
+        // Both change the scenario's text before it is read, as a sweep changes the scenarios it plays.
+        Json::Value json;
+        try {
+            json = parseStrictJson(text);
+            for (const auto& [layer, package] : options.packages) {
+                json = renamePackage(json, rankedLayerOf(json, layer).second, package);
+            }
+        } catch (const ScenarioError& e) {
+            fail(kExitUsage, label + ": " + (e.key() == "layer" ? "--package" : e.key()) + ": " + e.reason());
+        }
+        if (!options.hintsPath.empty()) {
+            try {
+                json = applyHints(json, parseStrictJson(readFile(options.hintsPath)));
+            } catch (const ScenarioError& e) {
+                fail(kExitUsage, options.hintsPath + ": " + e.key() + ": " + e.reason());
+            }
+        }
+        Json::StreamWriterBuilder writer;
+        text = Json::writeString(writer, json);
+    }
     Scenario scenario;
     try {
         scenario = parseScenario(text);
@@ -238,7 +261,7 @@ int run(const std::vector<std::string>& args) {
         fputs(kDefaultScenarioJson, stdout);
         return 0;
     }
-    if (!options.sweepPath.empty()) return runSweep(options, selfPath());
+    if (!options.sweepPath.empty() || options.merge) return runSweep(options, selfPath());
     const Scenario scenario = loadScenario(options);
     if (options.compare) return compare(options, scenario);
 
