@@ -14,7 +14,7 @@ rm -rf "$out" && mkdir -p "$out/run" "$out/compare" "$out/sweep"
 "$sim" --compare --duration 4 --jobs 2 --summary "$out/compare/summary.json" --frames "$out/compare/frames.csv" \
   > "$out/compare/console.txt" 2>&1
 cat > "$out/sweep/sweep.json" <<'SWEEP'
-{ "seed": 1, "reruns": 1, "duration_s": 6,
+{ "seed": 1, "seeds": 1, "duration_s": 6,
   "axes": [ { "hint": 4189, "values": ["com.example.game:golden=0.8_jank=1.2;1.5;2.0_dynamic=1", null] } ] }
 SWEEP
 "$sim" --sweep "$out/sweep/sweep.json" --jobs 2 --summary "$out/sweep/summary.json" > "$out/sweep/console.txt" 2>&1

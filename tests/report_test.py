@@ -58,7 +58,7 @@ class Report(unittest.TestCase):
         cls.dir = tempfile.mkdtemp(prefix="pelyx-report-")
         cls.console = {}
         with open(cls.path("sweep-plan.json"), "w") as f:
-            f.write('{"seed": 1, "reruns": 1, "duration_s": 2.5, "axes": [{"hint": 4171, '
+            f.write('{"seed": 1, "seeds": 1, "duration_s": 2.5, "axes": [{"hint": 4171, '
                     '"text": "com.example.game", "values": [4500, 6000]}]}')
         # A property the library refuses puts an error line in the log.
         for name, args in {"run": ["--frames", cls.path("run.csv"),
