@@ -45,6 +45,9 @@ void clearCallingIdentity();
 // completes the JSON. Returns false with errno set when the file cannot be created.
 bool traceOpen(const std::string& path);
 void traceClose();
+// Also hands every trace event to `listener` (null: none), under the writer's lock; tracing is
+// on while a listener is set.
+void setTraceListener(std::function<void(char phase, const char* name, int64_t value)> listener);
 
 // Every notifyPowerBoost is counted and handed to the listener, if any (called on the caller's
 // thread; keep it short).

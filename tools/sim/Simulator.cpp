@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <atomic>
 #include <chrono>
 #include <cmath>
@@ -324,6 +325,13 @@ void writeFrames(const std::string& path, const Session& session, int64_t runSta
     if (fclose(out) != 0) throw std::runtime_error(path + ": cannot write the frames file");
 }
 
+// The simulator's own slices (its apps, compositor and touches) share the trace with the library's.
+bool isSimulatorSlice(const char* name) {
+    static const char* const kPrefixes[] = {"work ", "queue ", "queued ", "latch ", "present ", "vsync", "touch "};
+    return std::any_of(std::begin(kPrefixes), std::end(kPrefixes),
+                       [name](const char* p) { return strncmp(name, p, strlen(p)) == 0; });
+}
+
 // The run's own outputs join the service calls and log lines gathered as they happened.
 void writeRecords(const std::string& path, RecordLog* log, const Session& session,
                   const std::vector<BoostRecord>& boosts, int64_t runStart) {
@@ -373,6 +381,15 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     std::shared_ptr<RecordLog> recordLog;
     if (!settings.recordsPath.empty()) recordLog = std::make_shared<RecordLog>();
     LogSink::instance().setRecords(recordLog.get());
+    if (recordLog) {
+        // Slice ends carry no name: the begins, async slices, marks and counters tell what ran.
+        android::platform::host::setTraceListener([log = recordLog.get()](char phase, const char* name, int64_t value) {
+            if (phase == 'E' || phase == 'M' || isSimulatorSlice(name)) return;
+            std::string text = std::string("trace ") + phase + " " + name;
+            if (phase == 'C') text += "=" + std::to_string(value);
+            log->add(android::platform::waitClockNow(), std::move(text));
+        });
+    }
     perfd_stub::reset();
     for (const AppSetup& app : scenario.apps) {
         perfd_stub::setGame(app.package, app.game);
@@ -520,6 +537,7 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
 
     if (!settings.framesPath.empty()) writeFrames(settings.framesPath, *session, runStart, device.gpuBaseMhz);
     LogSink::instance().setRecords(nullptr);
+    android::platform::host::setTraceListener(nullptr);
     if (recordLog) writeRecords(settings.recordsPath, recordLog.get(), *session, records, runStart);
 
     result.wallS = std::chrono::duration<double>(std::chrono::steady_clock::now() - wallStart).count();

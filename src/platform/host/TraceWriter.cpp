@@ -45,7 +45,13 @@ void TraceWriter::close() {
     mFile = nullptr;
 }
 
-void TraceWriter::write(char phase, const char* name, const std::string& extra) {
+void TraceWriter::setListener(std::function<void(char, const char*, int64_t)> listener) {
+    Mutex::Autolock lock(mMutex);
+    mListening.store(listener != nullptr, std::memory_order_release);
+    mListener = std::move(listener);
+}
+
+void TraceWriter::write(char phase, const char* name, const std::string& extra, int64_t value) {
     if (!isOpen()) return;
     const int64_t ns = now();
     // On virtual time a thread is its place in the turn and the process is 1, so that a run's
@@ -56,6 +62,7 @@ void TraceWriter::write(char phase, const char* name, const std::string& extra) 
     // Names come from apps (layer names): jsoncpp quotes and escapes them.
     const std::string quoted = Json::valueToQuotedString(name ? name : "");
     Mutex::Autolock lock(mMutex);
+    if (mListener) mListener(phase, name ? name : "", value);
     if (!mFile) return;
     fprintf(mFile, "%s\n{\"ph\":\"%c\",\"name\":%s,\"pid\":%d,\"tid\":%ld,\"ts\":%" PRId64 ".%03d%s}",
             mFirst ? "" : ",", phase, quoted.c_str(), pid, tid, ns / 1000,
@@ -75,7 +82,7 @@ void TraceWriter::asyncEnd(const char* name, int32_t cookie) {
 }
 
 void TraceWriter::counter(const char* name, int64_t value) {
-    write('C', name, ",\"args\":{\"value\":" + std::to_string(value) + "}");
+    write('C', name, ",\"args\":{\"value\":" + std::to_string(value) + "}", value);
 }
 
 void TraceWriter::threadName(const char* name) {
@@ -84,6 +91,9 @@ void TraceWriter::threadName(const char* name) {
 
 bool traceOpen(const std::string& path) { return TraceWriter::instance().open(path); }
 void traceClose() { TraceWriter::instance().close(); }
+void setTraceListener(std::function<void(char phase, const char* name, int64_t value)> listener) {
+    TraceWriter::instance().setListener(std::move(listener));
+}
 
 } // namespace host
 

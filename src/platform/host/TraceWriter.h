@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <functional>
 #include <string>
 
 #include <utils/Mutex.h>
@@ -17,7 +18,10 @@ public:
 
     bool open(const std::string& path);
     void close();
-    bool isOpen() const { return mOpen.load(std::memory_order_relaxed); }
+    bool isOpen() const {
+        return mOpen.load(std::memory_order_relaxed) || mListening.load(std::memory_order_relaxed);
+    }
+    void setListener(std::function<void(char phase, const char* name, int64_t value)> listener);
 
     void begin(const char* name);
     void end();
@@ -29,9 +33,11 @@ public:
 private:
     TraceWriter() = default;
     // phase: one Trace Event Format phase letter; extra: pre-rendered JSON members or empty.
-    void write(char phase, const char* name, const std::string& extra);
+    void write(char phase, const char* name, const std::string& extra, int64_t value = 0);
 
     std::atomic<bool> mOpen{false};
+    std::atomic<bool> mListening{false};
+    std::function<void(char, const char*, int64_t)> mListener GUARDED_BY(mMutex);
     Mutex mMutex;
     FILE* mFile GUARDED_BY(mMutex) = nullptr;
     bool mFirst GUARDED_BY(mMutex) = true;
