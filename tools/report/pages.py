@@ -8,6 +8,7 @@ also links to its PNG beside the page.
 
 import base64
 import html
+import json
 import math
 import os
 import re
@@ -522,66 +523,140 @@ def kinds_section(layer, runs):
 
 # ---- sweep --------------------------------------------------------------------------------------
 
+# The recommendation beside the page, for --hints.
+HINTS = "hints.json"
+
+SWEEP_HEAD = ["p50 ms", "p95 ms", "janks", "vsyncs", "fps", "boosts L1/L2/L3", "hold p99 ms"]
+
+
+def sweep_figures(f):
+    """A run's figures in SWEEP_HEAD's order, as the console's ranking rounds them."""
+    f = f or {}
+    return [ms(f.get("p50_ms")), ms(f.get("p95_ms")), count(f.get("late")), count(f.get("late_vsyncs")),
+            ms(f.get("presented_fps")), "/".join(count(b) for b in f.get("boosts_by_level") or []) or DASH,
+            ms(f.get("hold_p99_ms"))]
+
+
 def sweep_ranking(sweep):
     rows = []
     for r in sweep.get("runs", []):
         if r.get("failed"):
-            rows.append((DASH, "", Raw(f"<span class=fail>failed: {esc(r.get('error', ''))}</span>")))
+            rows.append([DASH, ""] + [DASH] * len(SWEEP_HEAD) + [
+                "", Raw(f"{esc(r.get('label', DASH))} <span class=fail>failed: {esc(r.get('error', ''))}</span>")])
             continue
-        rows.append((count(r.get("rank")), "*" if r.get("non_dominated") else "", ms(r.get("p50_ms")),
-                     ms(r.get("p95_ms")), count(r.get("late", r.get("janks"))), count(r.get("late_vsyncs")),
-                     ms(r.get("presented_fps")), "/".join(count(b) for b in r.get("boosts_by_level") or []) or DASH,
-                     ms(r.get("hold_p99_ms")), ms(r.get("library_cpu_ms_per_s"), "%.2f"), r.get("label", DASH)))
-    return table(["rank", "", "p50 ms", "p95 ms", "janks", "vsyncs", "fps", "boosts", "hold p99", "cpu/s", "setting"],
-                 rows)
+        worse = r.get("worse_than_disabled_on") or []
+        rows.append([count(r.get("rank")), "*" if r.get("non_dominated") else ""] + sweep_figures(r) +
+                    [f"{len(worse)}: {', '.join(worse)}" if worse else "", r.get("label", DASH)])
+    return table(["rank", ""] + SWEEP_HEAD + ["worse than disabled on", "setting"], rows)
 
 
-def spread_text(spread):
-    p, j = (spread or {}).get("p50_ms") or {}, (spread or {}).get("late") or {}
-    return (f"p50 {ms(p.get('mean'))} ms ({ms(p.get('min'))}-{ms(p.get('max'))}), janks {ms(j.get('mean'))} "
-            f"({ms(j.get('min'), '%.0f')}-{ms(j.get('max'), '%.0f')}) over {count((spread or {}).get('runs'))} runs")
+def seed_args(seed, index):
+    """The arguments of the sweep's index-th seed: each one further seed, its vsyncs moved a
+    quarter of a period more, as the sweep plays them."""
+    phase = index % 4 / 4
+    return f"--seed {seed + index}" + (f" --vsync-phase {phase:g}" if phase else "")
 
 
-def verdict(best, base):
-    """Lower is better; as the console judges each figure on its own."""
-    if not all(is_number(v) for v in (best.get("min"), best.get("max"), base.get("min"), base.get("max"))):
-        return "not measured"
-    if best["max"] < base["min"]:
-        return "better than the baseline in every run"
-    if best["min"] > base["max"]:
-        return "worse than the baseline in every run"
-    return "within the noise of these seeds and phases"
+def seed_label(seed, index):
+    phase = index % 4 / 4
+    return f"seed {seed + index}" + (f", vsync phase {phase:g}" if phase else "")
+
+
+def replay_args(entry, seed, index):
+    play = entry.get("play") or ""
+    args = seed_args(seed, index)
+    return re.sub(r"--seed \d+", args, play, count=1) if "--seed" in play else f"{play} {args}".strip()
+
+
+def entries_table(sweep):
+    seed = sweep.get("seed") if is_number(sweep.get("seed")) else 1
+    rows = []
+    for e in sweep.get("entries") or []:
+        rec, base = e.get("recommended") or {}, e.get("baseline") or {}
+        worse = is_number(rec.get("late")) and is_number(base.get("late")) and rec["late"] > base["late"]
+        rows += [Group(f"{e.get('name', DASH)} ({e.get('package', DASH)}, layer {e.get('layer', DASH)})"),
+                 ["library disabled"] + sweep_figures(base) + [""],
+                 ["own setting"] + sweep_figures(e.get("default")) + [""],
+                 ["recommended" + (": more janks than disabled" if worse else "")] + sweep_figures(rec) +
+                 [rec.get("label", DASH)]]
+        rows += [[f"  {seed_label(seed, i)}"] + sweep_figures(f) + [""] for i, f in enumerate(rec.get("per_seed") or [])]
+    return table([""] + SWEEP_HEAD + ["setting"], rows)
+
+
+def pushed_value(axis):
+    value = (axis.get("values") or [None])[0]
+    if value is None:
+        return "none (not pushed)" if "hint" in axis else "none"
+    return value if isinstance(value, str) else json.dumps(value, separators=(",", ":"))
+
+
+def hints_file(recommendation):
+    """The recommendation as --recommend writes it, one axis a line."""
+    def compact(v):
+        return json.dumps(v, separators=(",", ":"), ensure_ascii=False)
+    text = "{\n" + "".join(f'  "{k}": {compact(recommendation.get(k))},\n' for k in ("schema", "sweep", "sweep_hash"))
+    packages = recommendation.get("packages") or {}
+    text += '  "packages": {'
+    for i, (name, p) in enumerate(packages.items()):
+        text += ("," if i else "") + f"\n    {compact(name)}: {{\n"
+        text += "".join(f'      "{k}": {compact(p.get(k))},\n' for k in ("label", "entries", "worse_than_disabled"))
+        text += '      "axes": [' + ",".join("\n        " + compact(a) for a in p.get("axes") or []) + "\n      ]\n    }"
+    return text + "\n  }\n}\n"
+
+
+def recommendation_section(sweep):
+    rec = sweep.get("recommendation") or {}
+    rows = []
+    for name, p in (rec.get("packages") or {}).items():
+        head = f"{name}: {p.get('label', DASH)}, ranked on {', '.join(p.get('entries') or []) or DASH}"
+        rows.append(Group(head + (" (even it leaves an entry worse than disabled)" if p.get("worse_than_disabled")
+                                  else "")))
+        for a in p.get("axes") or []:
+            what = f"hint {a['hint']}" if "hint" in a else f"property {a.get('property', DASH)}"
+            rows.append([what, f"{ms(a.get('at_s'), '%g')} s", a.get("text", DASH), pushed_value(a)])
+    if not rows:
+        return ("recommendation", "Recommendation", note("this summary holds no recommendation"))
+    body = note("Per game package, the pushes of its best setting (ranked on its entries), as the service "
+                "pushes them; pelyx-sim SCENARIO --hints FILE plays them.")
+    body += table(["push", "at", "text", "value"], rows, numbers=False)
+    seed = sweep.get("seed") if is_number(sweep.get("seed")) else 1
+    replays = []
+    for e in sweep.get("entries") or []:
+        replays.append(Group(e.get("name", DASH)))
+        replays += [(seed_label(seed, i), Raw(f"<code>pelyx-sim {esc(replay_args(e, seed, i))} --hints {HINTS}</code>"))
+                    for i in range(len(at(e, "recommended", "per_seed") or [None]))]
+    body += "<h3>Reproduce</h3>" + note(
+        f"Each entry's arguments with the recommendation ({HINTS}, beside this page) give its recommended "
+        "figures of that seed exactly; paths are from the directory the sweep ran in.")
+    body += table(["seed", "arguments"], replays, numbers=False)
+    body += f"<h3>The hints file (<a href='{HINTS}'>{HINTS}</a>)</h3>" + pre(
+        hints_file(rec).splitlines())
+    return ("recommendation", "Recommendation", body)
 
 
 def sweep_sections(sweep, pictures):
-    runs = sweep.get("runs", [])
-    body = facts([("sweep", sweep.get("sweep", DASH)), ("base scenario", sweep.get("scenario", DASH)),
-                  ("seed", count(sweep.get("seed"))), ("layer ranked", sweep.get("layer", DASH)),
-                  ("settings", str(len(runs)))])
-    body += note("Ranked by janks (as the frame timeline counts them), then touch→present p50, then boosts; "
-                 "* no other run is better on latency, janks and boosts at once.")
+    entries = sweep.get("entries") or []
+    seeds = sweep.get("seeds")
+    body = facts([("sweep", sweep.get("sweep", DASH)), ("scenario", sweep.get("scenario", DASH)),
+                  ("layer ranked", sweep.get("layer", DASH)),
+                  ("runs", f"{count(sweep.get('settings'))} settings x {len(entries)} "
+                           f"{'entry' if len(entries) == 1 else 'entries'} x {count(seeds)} seeds: "
+                           f"{count(sweep.get('runs_played'))} runs with each entry's baseline and own setting"),
+                  ("seed", f"{count(sweep.get('seed'))}, the vsyncs moved a quarter of a period more each seed"),
+                  ("clock", sweep.get("clock", DASH)),
+                  ("hashes", f"sweep file {sweep.get('sweep_hash', DASH)}, binary {sweep.get('binary_hash', DASH)}")])
+    body += f"<p>ranked: {esc(sweep.get('rule', DASH))}.</p>"
+    body += note("Janks, vsyncs and boosts summed over the entries and seeds; p50, p95, fps and hold p99 their "
+                 "mean. * no other setting is better on p50, janks and boosts at once. The console's cpu/s "
+                 "column is a host figure the summary does not keep.")
     body += sweep_ranking(sweep)
+    body += pictures.show("sweep") + pictures.show("sweep-front")
     sections = [("sweep", "Sweep", body)]
-    best = sweep.get("best") or {}
-    top = next((r for r in runs if r.get("rank") == 1), {})
-    if best:
-        base = at(sweep, "baseline", "spread") or {}
-        seed = sweep.get("seed")
-        last = seed + base["runs"] - 1 if is_number(seed) and is_number(base.get("runs")) else None
-        body = f"<p>best setting ({esc(best.get('label', DASH))}), as the service pushes it:</p>"
-        body += pre(top.get("setting") or [DASH])
-        body += f"<p>reproduce: <code>{esc(best.get('command', DASH))}</code></p>"
-        body += note(f"seeds {count(seed)} to {count(last)}, "
-                     "the vsyncs moved by 0, 1/4, 1/2 and 3/4 of a period in turn")
-        b = best.get("spread") or {}
-        body += table(["", "re-runs", "verdict against the baseline"], [
-            ("best setting", spread_text(b), ""),
-            ("library disabled", spread_text(base), ""),
-            ("p50", "", verdict(b.get("p50_ms") or {}, base.get("p50_ms") or {})),
-            ("janks", "", verdict(b.get("late") or {}, base.get("late") or {}))])
-        sections.append(("best", "Best setting", body))
-    sections.append(("sweep-picture", "Latency against janks",
-                     pictures.show("sweep") or note("no run with a latency figure to draw")))
+    body = note("Recommended: the best setting on the entry's package's entries. Janks summed and p50/p95 "
+                "the mean over the seeds; each seed's figures of the recommended setting below it.")
+    body += entries_table(sweep) + pictures.show("sweep-entries")
+    sections.append(("entries", "Per entry", body))
+    sections.append(recommendation_section(sweep))
     return sections
 
 
@@ -599,8 +674,11 @@ def write(out, summary, compare, sweep, pictures):
         titles.append(f"--compare of {compare['enabled'].get('scenario', DASH)}")
         sections += compare_sections(compare, shown)
     if sweep:
-        titles.append(f"sweep of {sweep.get('scenario', DASH)}")
+        titles.append(f"sweep {sweep.get('sweep', DASH)}")
         sections += sweep_sections(sweep, shown)
+        if at(sweep, "recommendation", "packages"):
+            with open(os.path.join(out, HINTS), "w") as f:
+                f.write(hints_file(sweep["recommendation"]))
     rest = shown.rest()
     if rest:
         sections.append(("pictures", "Pictures", rest))
