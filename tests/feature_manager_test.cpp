@@ -47,31 +47,6 @@ TEST(FeatureManagerConstruction, DisabledLeavesEveryOptionalFeatureOff) {
     EXPECT_TRUE(fm->isFeatureEnabled(FRAME_RESCUE));
 }
 
-TEST(FeatureManagerConstruction, ReadsEnabledFeaturesAndTheirTunables) {
-    LogCapture logs;
-    FeatureManager* fm = construct({{{"vendor.perf.pelyx.debug", "true"},
-                                     {"vendor.perf.phr.enable", "1"},
-                                     {"vendor.perf.phr.dynamic.enable", "false"},
-                                     {"vendor.ruvo.enable.target_fps", "yes"},
-                                     {"vendor.ruvo.target_fps.switch_time", "7"},
-                                     {"vendor.ruvo.target_fps.compensate", "0"},
-                                     {"vendor.perf.gpu_jank_detect.enable", "on"},
-                                     {"vendor.perf.gpu_jank_filter.min_exec_time_mult", "7.5"},
-                                     {"vendor.perf.game_frame_rescue.headroom_resend_var", "0.5"}},
-                                    {}});
-    for (Feature f : {DEBUG, QUICK_TOUCH, TARGET_FPS, GPU_JANK_DETECT}) {
-        EXPECT_TRUE(fm->isFeatureEnabled(f)) << f;
-    }
-    EXPECT_TRUE(PerfProxy::isDebuggable());
-    EXPECT_FALSE(fm->isPhrDynamicEnabled());
-    EXPECT_EQ(fm->getTargetFpsSwitchTime(), 7);
-    EXPECT_FALSE(fm->isTargetFpsCompensate());
-    EXPECT_FLOAT_EQ(fm->getGpuMinExecTimeMult(), 7.5f);
-    EXPECT_FLOAT_EQ(fm->getFrameResendVariation(), 0.5f);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG,
-                         "[TFPS:1][QuickTouch:1, mPHRDynamicEnable:0][GpuJankDetect:1]"), 1u);
-}
-
 TEST(FeatureManagerConstruction, SwitchedOnFeaturesDefaultTheirTunables) {
     FeatureManager* fm = construct({{{"vendor.perf.phr.enable", "true"},
                                      {"vendor.ruvo.enable.target_fps", "true"}},

@@ -49,26 +49,6 @@ protected:
 };
 } // namespace
 
-TEST_F(GfrWiring, OnlyGamesAtTheDisplayRateWithAKnownWeightAreRescued) {
-    FeatureManager* features = FeatureManager::getInstance();
-    for (const char* pkg : {"com.app2", "com.app3"}) {
-        perfd_stub::setGame(pkg, true);
-        features->setCallbackHintValue(4189, std::string(pkg) + ":golden=0.8", 0, 0, {1});
-    }
-    perfd_stub::setGameWeight("com.app2", -1); // the service knows no weight
-    perfd_stub::setGameWeight("com.app3", 3);
-    Producer noWeight{2, k60Hz}, halfRate{3, 33'333'333};
-    noWeight.uid = 10'002;
-    halfRate.uid = 10'003;
-    run({&noWeight, &halfRate}, 700 * kMs);
-    ASSERT_TRUE(drainBoostThread());
-    run({&noWeight, &halfRate}, 2'200 * kMs);
-    ASSERT_TRUE(lm->getLayerStatus(2)->gfrEnabled);
-    ASSERT_TRUE(lm->getLayerStatus(3)->gfrEnabled);
-    EXPECT_FALSE(lm->getLayerStatus(2)->gfrActive);
-    EXPECT_FALSE(lm->getLayerStatus(3)->gfrActive) << "fps mode 30 on a 60 Hz display";
-}
-
 class GfrWiringWithTargetFps : public GfrWiring {
 protected:
     void SetUp() override {

@@ -96,27 +96,6 @@ TEST_F(SceneReport, OneRepresentativePerUidByAreaThenMode) {
     EXPECT_EQ(r->apps[1]["M"].asInt(), 60);
 }
 
-TEST_F(SceneReport, SentOnlyWhenSomethingChanged) {
-    Producer p{1, k60Hz};
-    run({&p}, 2'200 * kMs);
-    ASSERT_TRUE(report().has_value());
-    perfd_stub::clearCalls();
-    EXPECT_FALSE(report().has_value());
-    p.bounds = Rect{0, 0, 1080, 1200};
-    run({&p}, 100 * kMs);
-    auto r = report();
-    ASSERT_TRUE(r.has_value());
-    EXPECT_EQ(r->apps[0]["W"].asInt(), 2);
-}
-
-TEST_F(SceneReport, FullScreenVersusWindowed) {
-    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 2300}), 0);
-    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 2400, 1080}), 0) << "orientation does not matter";
-    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 1200}), 2);
-    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 900, 2400}), 2);
-    EXPECT_EQ(lm->getWindowType(Rect::INVALID_RECT), 0);
-}
-
 TEST_F(SceneReport, InvisibleLayerIsNeverReportedNorLowLatency) {
     perfd_stub::setGame("com.app1", true);
     perfd_stub::setGame("com.app2", true);
@@ -165,25 +144,6 @@ TEST_F(SceneReport, DropsTheLastAppThatDoesNotFit) {
     EXPECT_EQ(r->apps.size(), 2u);
     EXPECT_GE(logs.count(kTag, ANDROID_LOG_WARN, "JSON length limit reached, drop the last added group"),
               1u);
-}
-
-TEST_F(SceneReport, AFocusMovingToAnotherAppIsReported) {
-    Producer a{1, k60Hz}, b{2, k60Hz};
-    b.uid = 10'002;
-    b.focused = false;
-    b.bounds = Rect{0, 0, 1080, 1200};
-    run({&a, &b}, 2'200 * kMs);
-    ASSERT_TRUE(report().has_value());
-    const size_t sent = perfd_stub::countCalls("perf_event");
-    a.focused = false;
-    b.focused = true;
-    run({&a, &b}, 100 * kMs);
-    auto r = report();
-    EXPECT_GT(perfd_stub::countCalls("perf_event"), sent);
-    ASSERT_TRUE(r.has_value());
-    for (const auto& app : r->apps) {
-        EXPECT_EQ(app.isMember("F"), app["pkg"].asString() == "com.app2") << r->text;
-    }
 }
 
 TEST_F(SceneReport, AConcurrencyEventReportsOnlyAChangedScene) {

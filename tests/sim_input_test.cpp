@@ -32,19 +32,6 @@ ScenarioError errorOf(const std::string& text, Parse parse = parseScenario) {
     return ScenarioError("", "");
 }
 
-TEST(SimScenario, BuiltInScenarioHasEveryFeature) {
-    const Scenario s = parseScenario(kDefaultScenarioJson);
-    const AppSetup& game = s.apps.at(0);
-    const LayerSetup& gameLayer = game.layers.at(0);
-    EXPECT_TRUE(game.game && gameLayer.smartTouch && s.property("vendor.perf.phr.enable", "") == "1");
-    EXPECT_GT(gameLayer.work.heavyMs, 2 * 1000.0 / s.refreshHz) << "heavy frames reach the third rescue level";
-    std::set<int> hints;
-    for (const TimelineEvent& e : s.timeline) {
-        if (e.kind == EventKind::Hint && e.hint.text.rfind(game.package, 0) == 0) hints.insert(e.hint.id);
-    }
-    EXPECT_EQ(hints, (std::set<int>{4171, 4187, 4189, 4192})) << "every per-game hint the service pushes";
-}
-
 TEST(SimScenario, DefaultsFillTheGapsAndPropertiesMayBeAnyScalar) {
     const Scenario s = parseScenario("// a comment\n" R"({"properties": {"a": 1, "b": true, "c": "x", "d": 0.5},
             "apps": [{"package": "com.example.one", "layers": [{}, {"id": 1001}]}, {"package": "two", "layers": [{"id": 1002}]}]})");
@@ -110,21 +97,6 @@ TEST(SimScenario, SyntaxErrorsGiveLineAndColumnOnOneLine) {
 
     for (std::string text : {std::string(R"({"name": "a", "name": "b", "apps": []})"), std::string(), std::string(R"({"apps": [{"package": "p", "layers": [{}]}]} {})")})
         EXPECT_EQ(errorOf(text).key().rfind("line 1", 0), 0u) << text;
-}
-
-TEST(SimOptions, ParsesEveryOption) {
-    const Options o = parseOptions({"scenario.json", "--duration", "5", "--refresh=90", "--seed", "7",
-                                    "--prop", "a=1", "--prop=b=x=y", "--replay", "game=cap.csv",
-                                    "--summary", "s.json", "--trace=t.json", "--log", "l.txt",
-                                    "--frames", "f.csv", "--quiet"});
-    EXPECT_EQ(o.props.at(1), std::make_pair(std::string("b"), std::string("x=y")));
-    EXPECT_EQ(o.summaryPath + o.tracePath + o.logPath + o.framesPath, "s.jsont.jsonl.txtf.csv");
-
-    const Options child = parseOptions(scenarioArguments(o));  // what a --compare child is given
-    EXPECT_EQ(child.scenarioPath, "scenario.json");
-    EXPECT_EQ(std::vector<double>({*child.durationS, *child.refreshHz, double(*child.seed)}), std::vector<double>({5, 90, 7}));
-    EXPECT_TRUE(child.props == o.props && child.replays == o.replays);
-    EXPECT_TRUE(child.summaryPath.empty()) << "the output files are the parent's";
 }
 
 TEST(SimOptions, RefusesBadCommandLines) {

@@ -2,7 +2,6 @@
 // held input, CPU boosts, buffer queue, fences), and the figures it reports.
 
 #include <gtest/gtest.h>
-#include <android/log.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,7 +18,6 @@
 #include "FrameTimeline.h"
 #include "Gpu.h"
 #include "LayerRuntime.h"
-#include "LogSink.h"
 #include "ServiceLog.h"
 #include "Stats.h"
 #include "Summary.h"
@@ -285,22 +283,6 @@ TEST_F(SimFakeDevices, FencesFollowTheGpuAndADeadlineRaisesItsClock) {
     EXPECT_NEAR(devices.signalTime(late), now + 250'000'000, 100'000'000);
     EXPECT_EQ(std::vector<int>({devices.deadlineRequests(3), devices.deadlineRequests(4), devices.deadlineRequests(5)}),
               std::vector<int>({1, 1, 0}));
-}
-
-TEST(SimLogSink, CatchesTheProcessLog) {
-    const std::string name = "/tmp/sim-log-" + std::to_string(getpid());
-    LogSink& sink = LogSink::instance();
-    ASSERT_TRUE(sink.install(true, name.c_str()));
-    __android_log_print(ANDROID_LOG_ERROR, "Pelyx.Test", "broken %d", 7);
-    __android_log_print(ANDROID_LOG_WARN, "Pelyx.Test", "careful");
-    __android_log_print(ANDROID_LOG_DEBUG, "Pelyx.Test", "detail");
-    sink.uninstall();
-    EXPECT_EQ(sink.errorLines(), std::vector<std::string>{"Pelyx.Test: broken 7"});
-    std::stringstream text;
-    text << std::ifstream(name).rdbuf();
-    unlink(name.c_str());
-    EXPECT_NE(text.str().find("E Pelyx.Test: broken 7"), std::string::npos) << text.str();
-    EXPECT_NE(text.str().find("D Pelyx.Test: detail"), std::string::npos) << text.str();
 }
 
 TraceResult check(const std::string& events) {

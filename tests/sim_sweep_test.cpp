@@ -152,8 +152,10 @@ TEST(SimSweepShards, TheMergeTakesEveryShardOfOneSweepOnly) {
     ASSERT_EQ(merged.outcomes.size(), 10u);
     for (size_t i = 0; i < 10; ++i) {
         EXPECT_EQ(merged.outcomes[i].ok, i != 3);
-        if (i != 3) EXPECT_EQ(std::make_pair(merged.outcomes[i].metrics.late, merged.outcomes[i].metrics.p50Ms),
-                              std::make_pair(static_cast<int>(i), i + 0.1));
+        if (i != 3) {
+            EXPECT_EQ(std::make_pair(merged.outcomes[i].metrics.late, merged.outcomes[i].metrics.p50Ms),
+                      std::make_pair(static_cast<int>(i), i + 0.1));
+        }
     }
     EXPECT_EQ(merged.outcomes[3].error, "run 3 failed");
 
