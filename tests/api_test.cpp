@@ -132,3 +132,39 @@ TEST(ApiSmartTouchWatcher, OnlyOneAndZeroSwitchSmartTouchWhichGatesUnblock) {
     }
 }
 
+TEST(ApiForwarding, BufferEventsCarryCallerIdentityBoundsAndState) {
+    ManualClock clock;
+    ASSERT_TRUE(pelyxInit(1080, 2400));
+    LayerManager* lm = LayerManager::getInstance();
+    pelyxSetVsyncPeriod(kFrame60);
+    EXPECT_EQ(lm->vsyncPeriod(), kFrame60);
+
+    platform::host::setCallingIdentity(4321, 10123);
+    const PelyxRect bounds{10, 20, 1070, 2390};
+    playFrames(clock, kGameLayer, kGameId, 60, bounds);
+    platform::host::clearCallingIdentity();
+
+    sp<LayerInfo> layer = lm->getLayer(kGameId);
+    ASSERT_NE(layer, nullptr) << "a steady 60 fps layer is promoted within a second";
+    EXPECT_EQ(layer->mPid, 4321);
+    EXPECT_EQ(layer->mUid, 10123);
+    EXPECT_EQ(layer->mBounds, (Rect{10, 20, 1070, 2390}));
+    EXPECT_TRUE(lm->getLayerStatus(kGameId)->lastQueueFlag) << "the queue flag is handed on inverted";
+
+    // Null bounds read as unknown; the two bools land as given.
+    clock.advance(kFrame60);
+    pelyxTrackBufferIncrement(kGameLayer, kGameId, true, 0, clock.now());
+    pelyxTrackBufferDecrement(kGameLayer, kGameId, 0, nullptr, false, false);
+    auto status = lm->getLayerStatus(kGameId);
+    ASSERT_TRUE(status.has_value());
+    EXPECT_FALSE(status->lastQueueFlag);
+    EXPECT_FALSE(status->focused);
+    EXPECT_FALSE(status->visible);
+    EXPECT_EQ(layer->mBounds, Rect::INVALID_RECT);
+
+    // A nameless buffer has no package: never tracked, never a crash.
+    pelyxTrackBufferIncrement(nullptr, 9, false, 0, clock.now());
+    pelyxTrackBufferDecrement(nullptr, 9, 0, nullptr, true, true);
+    EXPECT_EQ(lm->getLayer(9), nullptr);
+    EXPECT_EQ(lm->candidateCount(), 0u);
+}

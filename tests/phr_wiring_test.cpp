@@ -41,6 +41,12 @@ protected:
 };
 } // namespace
 
+TEST_F(PhrWiring, TheMonitorStartsWithThePeriodEvenWithoutAnFpsMode) {
+    lm->setVsyncPeriod(15'000'000); // no fps mode of its own: the monitors are not told
+    ASSERT_TRUE(lm->initPHREnv());
+    EXPECT_EQ(phr->vsyncPeriod(), 15'000'000);
+}
+
 // Pacing of a slow layer stays on while a smooth switch is under way, and when late frames may
 // not be made up.
 class PhrWiringKeepsPacing : public PhrWiring, public testing::WithParamInterface<const char*> {

@@ -96,6 +96,27 @@ TEST_F(SceneReport, OneRepresentativePerUidByAreaThenMode) {
     EXPECT_EQ(r->apps[1]["M"].asInt(), 60);
 }
 
+TEST_F(SceneReport, SentOnlyWhenSomethingChanged) {
+    Producer p{1, k60Hz};
+    run({&p}, 2'200 * kMs);
+    ASSERT_TRUE(report().has_value());
+    perfd_stub::clearCalls();
+    EXPECT_FALSE(report().has_value());
+    p.bounds = Rect{0, 0, 1080, 1200};
+    run({&p}, 100 * kMs);
+    auto r = report();
+    ASSERT_TRUE(r.has_value());
+    EXPECT_EQ(r->apps[0]["W"].asInt(), 2);
+}
+
+TEST_F(SceneReport, FullScreenVersusWindowed) {
+    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 2300}), 0);
+    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 2400, 1080}), 0) << "orientation does not matter";
+    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 1200}), 2);
+    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 900, 2400}), 2);
+    EXPECT_EQ(lm->getWindowType(Rect::INVALID_RECT), 0);
+}
+
 TEST_F(SceneReport, InvisibleLayerIsNeverReportedNorLowLatency) {
     perfd_stub::setGame("com.app1", true);
     perfd_stub::setGame("com.app2", true);

@@ -47,15 +47,6 @@ TEST(SimScenario, DefaultsFillTheGapsAndPropertiesMayBeAnyScalar) {
     EXPECT_TRUE(a.focused && !b.focused && !c.focused && a.bounds.bottom == s.height);
 }
 
-TEST(SimScenario, TimelineIsSortedAndKeepsOrderAtEqualTimes) {
-    const Scenario s = parseScenario(R"({"apps": [{"package": "p", "layers": [{}]}],
-        "timeline": [{"at_s": 2, "property": "x", "value": "2"},
-                     {"at_s": 1, "property": "x", "value": "1a"},
-                     {"at_s": 1, "property": "x", "value": "1b"}]})");
-    ASSERT_EQ(s.timeline.size(), 3u);
-    EXPECT_EQ(s.timeline[0].property.value + s.timeline[1].property.value + s.timeline[2].property.value, "1a1b2");
-}
-
 struct BadCase {
     std::string text, key, reason;  // reason: a part of it
 };

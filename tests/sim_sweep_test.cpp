@@ -70,6 +70,9 @@ SweepMetrics figures(double p50, int late, int boosts = 0) {
 
 TEST(SimSweepRank, NoEntryWorseThanDisabledThenJanksSummedThenLatency) {
     const double none = std::nan("");
+    SweepMetrics frugal = figures(50, 10);
+    frugal.boosts[0] = 1;
+    EXPECT_TRUE(dominates(figures(50, 10), frugal)) << "saving boosts alone is a better run";
     // Two entries; the library disabled gives 10 and 5 janks.
     const std::vector<SweepMetrics> baseline = {figures(50, 10), figures(30, 5)};
     auto setting = [](SweepMetrics a, SweepMetrics b, bool failed = false) {
