@@ -90,6 +90,21 @@ TEST(SimScenario, SyntaxErrorsGiveLineAndColumnOnOneLine) {
         EXPECT_EQ(errorOf(text).key().rfind("line 1", 0), 0u) << text;
 }
 
+TEST(SimOptions, ParsesEveryOption) {
+    const Options o = parseOptions({"scenario.json", "--duration", "5", "--refresh=90", "--seed", "7",
+                                    "--prop", "a=1", "--prop=b=x=y", "--replay", "game=cap.csv",
+                                    "--summary", "s.json", "--trace=t.json", "--log", "l.txt",
+                                    "--frames", "f.csv", "--quiet"});
+    EXPECT_EQ(o.props.at(1), std::make_pair(std::string("b"), std::string("x=y")));
+    EXPECT_EQ(o.summaryPath + o.tracePath + o.logPath + o.framesPath, "s.jsont.jsonl.txtf.csv");
+
+    const Options child = parseOptions(scenarioArguments(o));  // what a --compare child is given
+    EXPECT_EQ(child.scenarioPath, "scenario.json");
+    EXPECT_EQ(std::vector<double>({*child.durationS, *child.refreshHz, double(*child.seed)}), std::vector<double>({5, 90, 7}));
+    EXPECT_TRUE(child.props == o.props && child.replays == o.replays);
+    EXPECT_TRUE(child.summaryPath.empty()) << "the output files are the parent's";
+}
+
 TEST(SimOptions, RefusesBadCommandLines) {
     const std::vector<std::vector<std::string>> bad = {
             {"--bogus"}, {"--duration"}, {"--duration", "-1"}, {"--seed", "1.5"}, {"--prop", "=1"},

@@ -2,6 +2,7 @@
 // held input, CPU boosts, buffer queue, fences), and the figures it reports.
 
 #include <gtest/gtest.h>
+#include <android/log.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -18,6 +19,7 @@
 #include "FrameTimeline.h"
 #include "Gpu.h"
 #include "LayerRuntime.h"
+#include "LogSink.h"
 #include "ServiceLog.h"
 #include "Stats.h"
 #include "Summary.h"
@@ -291,6 +293,22 @@ TraceResult check(const std::string& events) {
     const TraceResult result = checkTrace(path);
     unlink(path.c_str());
     return result;
+}
+
+TEST(SimLogSink, CatchesTheProcessLog) {
+    const std::string name = "/tmp/sim-log-" + std::to_string(getpid());
+    LogSink& sink = LogSink::instance();
+    ASSERT_TRUE(sink.install(true, name.c_str()));
+    __android_log_print(ANDROID_LOG_ERROR, "Pelyx.Test", "broken %d", 7);
+    __android_log_print(ANDROID_LOG_WARN, "Pelyx.Test", "careful");
+    __android_log_print(ANDROID_LOG_DEBUG, "Pelyx.Test", "detail");
+    sink.uninstall();
+    EXPECT_EQ(sink.errorLines(), std::vector<std::string>{"Pelyx.Test: broken 7"});
+    std::stringstream text;
+    text << std::ifstream(name).rdbuf();
+    unlink(name.c_str());
+    EXPECT_NE(text.str().find("E Pelyx.Test: broken 7"), std::string::npos) << text.str();
+    EXPECT_NE(text.str().find("D Pelyx.Test: detail"), std::string::npos) << text.str();
 }
 
 TEST(SimTrace, PairsSlicesAndFindsTheUnpaired) {
