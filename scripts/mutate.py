@@ -480,8 +480,9 @@ def sample_report(args, results, stillborn, elapsed):
              f"compile and were replaced",
              f"killed {counts['killed']} of {live} non-equivalent "
              f"({100.0 * counts['killed'] / max(live, 1):.1f} %); "
-             f"equivalent {counts['equivalent']} ({100.0 * counts['equivalent'] / max(len(results), 1):.1f} % "
-             f"of the draw); {elapsed / 60:.1f} min"]
+             f"equivalent {counts['equivalent']} "
+             f"({100.0 * counts['equivalent'] / max(len(results), 1):.1f} % of the draw); "
+             f"{elapsed / 60:.1f} min"]
     by_place = collections.defaultdict(list)
     for m, status, _ in results:
         if status == "survived":
@@ -502,7 +503,7 @@ def sample_report(args, results, stillborn, elapsed):
 
 def main():
     # The soak and stress cases run their few seconds for every fault that nothing else kills;
-    # shorter runs still exercise their paths (the stress case needs 1000 calls: 3 s on a busy machine).
+    # shorter runs still exercise their paths (the stress case needs 1000 calls: 3 s when busy).
     os.environ.setdefault("PELYX_SOAK_SECONDS", "2")
     os.environ.setdefault("PELYX_STRESS_SECONDS", "3")
     parser = argparse.ArgumentParser(description=__doc__.split("\n")[0])
