@@ -4,8 +4,10 @@
 Each golden NAME in tests/goldens/ is a scenario (NAME.json) and/or pelyx-sim arguments
 (NAME.args, paths relative to the tree's root), and the records the run must give
 (NAME.records: the library's calls into the service, boosts, fence deadline requests, holds and
-log lines with their virtual times; see pelyx-sim --records). A run on the virtual clock gives
-the same records on any machine, so any difference is a change of behaviour.
+log lines with their virtual times; see pelyx-sim --records). A golden that also has NAME.frames
+pins the simulator's own model too: every frame's times, verdict and GPU clock (pelyx-sim
+--frames); a new one starts as an empty file that `--update` fills. A run on the virtual clock
+gives the same output on any machine, so any difference is a change of behaviour.
 
 Usage: scripts/goldens.py --sim PATH [--update] [NAME...]
   --update  rewrites the records files from the runs (review the change with git diff)
@@ -33,7 +35,17 @@ def names():
     return sorted(found)
 
 
+# What a golden compares: the records always, the frames when it has a frames file.
+OUTPUTS = (("records", "--records"), ("frames", "--frames"))
+
+
+def outputs(name):
+    return [(kind, flag) for kind, flag in OUTPUTS
+            if kind == "records" or os.path.exists(os.path.join(GOLDENS, f"{name}.{kind}"))]
+
+
 def command(sim, name, out):
+    """`out(kind)` names the file each output is written to."""
     cmd = [sim]
     scenario = os.path.join(GOLDENS, name + ".json")
     if os.path.exists(scenario):
@@ -42,7 +54,10 @@ def command(sim, name, out):
     if os.path.exists(args):
         with open(args, encoding="utf-8") as f:
             cmd += shlex.split(f.read(), comments=True)
-    return cmd + ["--quiet", "--records", out]
+    cmd.append("--quiet")
+    for kind, flag in outputs(name):
+        cmd += [flag, out(kind)]
+    return cmd
 
 
 def first_difference(expected, actual):
@@ -54,20 +69,27 @@ def first_difference(expected, actual):
 
 def check(sim, name, update):
     with tempfile.TemporaryDirectory() as tmp:
-        out = os.path.join(tmp, name + ".records")
+        out = lambda kind: os.path.join(tmp, f"{name}.{kind}")
         cmd = command(sim, name, out)
         run = subprocess.run(cmd, cwd=ROOT, capture_output=True, text=True)
-        if run.returncode != 0 or not os.path.exists(out):
+        kinds = [kind for kind, _ in outputs(name)]
+        if run.returncode != 0 or not all(os.path.exists(out(k)) for k in kinds):
             print(f"{name}: the run failed (exit {run.returncode}): {shlex.join(cmd)}\n"
                   f"{run.stderr.strip()}")
             return False
-        with open(out, encoding="utf-8") as f:
-            actual = f.read().splitlines()
-    path = os.path.join(GOLDENS, name + ".records")
+        actual = {}
+        for kind in kinds:
+            with open(out(kind), encoding="utf-8") as f:
+                actual[kind] = f.read().splitlines()
+    return all([compare(sim, name, kind, actual[kind], update) for kind in kinds])
+
+
+def compare(sim, name, kind, actual, update):
+    path = os.path.join(GOLDENS, f"{name}.{kind}")
     if update:
         with open(path, "w", encoding="utf-8") as f:
             f.write("\n".join(actual) + "\n")
-        print(f"{name}: {len(actual)} records written to {os.path.relpath(path, ROOT)}")
+        print(f"{name}: {len(actual)} {kind} written to {os.path.relpath(path, ROOT)}")
         return True
     if not os.path.exists(path):
         print(f"{name}: no {os.path.relpath(path, ROOT)}; write it with `make goldens`")
@@ -76,14 +98,14 @@ def check(sim, name, update):
         expected = f.read().splitlines()
     i = first_difference(expected, actual)
     if i is None:
-        print(f"{name}: {len(actual)} records match")
+        print(f"{name}: {len(actual)} {kind} match")
         return True
-    lines = [f"{name}: record {i + 1} differs ({len(expected)} expected, {len(actual)} now)"]
+    lines = [f"{name}: {kind} line {i + 1} differs ({len(expected)} expected, {len(actual)} now)"]
     for k in range(max(0, i - CONTEXT), i):
         lines.append(f"    {expected[k]}")
-    lines.append(f"  - {expected[i] if i < len(expected) else '(no more records)'}")
-    lines.append(f"  + {actual[i] if i < len(actual) else '(no more records)'}")
-    lines.append(f"  run: {shlex.join(command(sim, name, 'OUT'))}")
+    lines.append(f"  - {expected[i] if i < len(expected) else '(no more lines)'}")
+    lines.append(f"  + {actual[i] if i < len(actual) else '(no more lines)'}")
+    lines.append(f"  run: {shlex.join(command(sim, name, lambda k: k.upper()))}")
     lines.append("  if the change is meant: `make goldens`, then review `git diff tests/goldens`")
     print("\n".join(lines))
     return False

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cmath>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -63,15 +62,6 @@ public:
 
     Json::Value json(const std::string& path) { return parseStrictJson(slurp(path)); }
 
-    // One app alone, library off; returns its layer's summary. `extra`: more top-level keys.
-    Json::Value alone(const std::string& name, const std::string& layer, const std::string& extra = "") {
-        const std::string scenario = write(name + ".json", R"({"duration_s": 1.5, )" + extra +
-                                                                   R"("apps": [{"package": "p", "layers": [)" + layer + "]}]}");
-        const Outcome o = run({scenario, "--disable", "--quiet", "--summary", file(name + ".out.json")});
-        EXPECT_EQ(o.status, 0) << o.err;
-        return json(file(name + ".out.json"))["layers"][0];
-    }
-
     std::string mDir;
 };
 
@@ -104,9 +94,9 @@ TEST_F(SimRun, BadInputStopsBeforeTheRun) {
     expectRefused(run({"--sweep", sweep}), sweep, "axes[0].values[0]: must be a text, an integer");
 }
 
-TEST_F(SimRun, AShortRunWritesItsSummaryTraceAndFrames) {
-    const std::string summary = file("summary.json"), trace = file("trace.json"), frames = file("frames.csv");
-    const Outcome o = run({"--duration", "2.5", "--summary", summary, "--trace", trace, "--frames", frames});
+TEST_F(SimRun, AShortRunWritesItsSummaryAndTrace) {
+    const std::string summary = file("summary.json"), trace = file("trace.json");
+    const Outcome o = run({"--duration", "2.5", "--summary", summary, "--trace", trace});
     ASSERT_EQ(o.status, 0) << o.err;
     EXPECT_NE(o.out.find("scenario \"default\""), std::string::npos) << "the report";
 
@@ -138,84 +128,6 @@ TEST_F(SimRun, AShortRunWritesItsSummaryTraceAndFrames) {
     EXPECT_EQ(t.simulatorSlices, 1344u);
     EXPECT_EQ(t.librarySlices, 305u);
     EXPECT_EQ(t.unmatchedEnds + t.openSlices + t.unmatchedAsyncEnds, 0u);
-
-    const std::vector<std::string> rows = lines(slurp(frames));
-    EXPECT_TRUE(rows.size() == 211 && rows[0].rfind("layer,frame,start_s", 0) == 0);
-}
-
-TEST_F(SimRun, TheGpuAndTheReleaseFencesBoundTheFrameRate) {
-    // 25 ms of GPU work a frame at the base clock: one GPU allows 40 fps whatever the CPU does,
-    // until its governor raises the clock under the load.
-    const std::string heavy = R"({"work": {"mean_ms": 4, "gpu_ms": 25}})";
-    EXPECT_EQ(alone("fixed", heavy, R"("gpu": {"governor": 0}, )")["presented_fps"].asDouble(), 40.0);
-    EXPECT_EQ(alone("governed", heavy)["presented_fps"].asDouble(), 60.0);
-    // 12 ms of GPU work that may start only once the display has let go of the buffer: with two
-    // buffers that is at the present, half a vsync after the latch, so every frame misses the
-    // next latch; a third buffer hides it.
-    const std::string layer = R"({"buffers": N, "work": {"mean_ms": 2, "dequeue_at": 0, "gpu_ms": 12}})";
-    auto with = [&](const char* n) { return std::string(layer).replace(layer.find('N'), 1, n); };
-    EXPECT_EQ(alone("two", with("2"))["presented_fps"].asDouble(), 30.337);
-    EXPECT_EQ(alone("three", with("3"))["presented_fps"].asDouble(), 60.0);
-}
-
-// Three kinds of app alone, on a clock without wake-up latency: a Choreographer app starts its
-// frames at vsyncs and skips those its heavy frame missed; a game with its own present times is
-// shown at them; a free-running game drawing ahead is stuffed, a vsync late every frame, with
-// no jank.
-TEST_F(SimRun, EachKindOfAppIsJudgedAgainstTheVsyncItMeant) {
-    const std::string scenario = write("kinds.json", R"({"duration_s": 1, "scheduler": {"wakeup_us": 0}, "apps": [
-        {"package": "c", "layers": [{"loop": "choreographer", "work": {"mean_ms": 6, "gpu_ms": 2,
-                                     "heavy_ms": 40, "heavy_every_s": 10, "heavy_from_s": 0.5}}]},
-        {"package": "p", "layers": [{"loop": "present_time", "fps_cap": 30, "work": {"mean_ms": 6, "gpu_ms": 2}}]},
-        {"package": "f", "layers": [{"work": {"mean_ms": 6, "gpu_ms": 2}}]}]})");
-    const Outcome moved = run({scenario, "--disable", "--quiet", "--vsync-phase", "0.25", "--frames", file("moved.csv")});
-    ASSERT_EQ(moved.status, 0) << moved.err;
-    const Outcome o = run({scenario, "--disable", "--quiet", "--summary", file("kinds.out.json"), "--frames", file("kinds.csv")});
-    ASSERT_EQ(o.status, 0) << o.err;
-    const Json::Value s = json(file("kinds.out.json"));
-    auto timeline = [&](int i) {
-        const Json::Value& t = s["layers"][i]["frame_timeline"];
-        return std::vector<int>{t["on_time"].asInt(), t["late"].asInt(), t["by_cause"]["app_deadline"].asInt(),
-                                t["buffer_stuffing"]["frames"].asInt()};
-    };
-    EXPECT_EQ(timeline(0), std::vector<int>({56, 1, 1, 0})) << "only the heavy frame is late";
-    EXPECT_EQ(timeline(1), std::vector<int>({30, 0, 0, 0}));
-    EXPECT_EQ(s["layers"][1]["presented_fps"].asDouble(), 30.0);
-    EXPECT_EQ(timeline(2), std::vector<int>({1, 0, 0, 59}));
-    EXPECT_EQ(s["layers"][2]["frame_timeline"]["buffer_stuffing"]["late_ms_p50"].asDouble(), 16.667);
-    // The Choreographer app's starts: each at a vsync, never two in one vsync; with the vsyncs
-    // moved a quarter period earlier, on that grid.
-    for (const auto& [csv, phase] : {std::pair<std::string, double>{"kinds.csv", 0}, {"moved.csv", 0.25}}) {
-        double last = -1;
-        for (const std::string& row : lines(slurp(file(csv)))) {
-            if (row.rfind("c,", 0) != 0) continue;
-            const double start = std::stod(row.substr(row.find(',', 2) + 1));
-            EXPECT_NEAR(start * 60 + phase, std::round(start * 60 + phase), 1e-4) << csv << ": " << row;
-            EXPECT_GT(start - last, 0.016) << row;
-            last = start;
-        }
-    }
-}
-
-// What a device varies: where a game reads input against its dequeue wait, and how long a
-// released buffer takes to come back.
-TEST_F(SimRun, InputSampleAndBufferReturnAreTheDevicesToSet) {
-    const std::string drag = R"("timeline": [{"at_s": 0.3, "touch": "drag", "layer": "p", "duration_s": 1}], )";
-    auto p50 = [&](const char* name, const char* sample) {
-        const Json::Value l = alone(name, std::string(R"({"work": {"mean_ms": 6, "input_sample": ")") + sample + R"("}})", drag);
-        return l["touch_event_to_present_ms"]["p50"].asDouble();
-    };
-    EXPECT_EQ(p50("start", "frame_start"), 61.238);
-    EXPECT_EQ(p50("dequeued", "after_dequeue"), 47.532) << "the wait for a buffer no longer counts";
-    // Two buffers and 13 ms of work after the dequeue: a buffer back 2 ms after the latch still
-    // makes the next latch, 4 ms after it does not.
-    auto fps = [&](const char* name, const char* delayUs) {
-        return alone(name, R"({"buffers": 2, "work": {"mean_ms": 13, "dequeue_at": 0}})",
-                     std::string(R"("compositor": {"release_delay_us": )") + delayUs + "}, ")["presented_fps"]
-                .asDouble();
-    };
-    EXPECT_EQ(fps("soon", "2000"), 60.0);
-    EXPECT_EQ(fps("late", "4000"), 30.337);
 }
 
 TEST_F(SimRun, CompareRunsBothWaysAndPrintsThemSideBySide) {
