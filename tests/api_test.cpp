@@ -7,7 +7,6 @@
 #include <dirent.h>
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "PerfdControl.h"

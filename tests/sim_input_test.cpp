@@ -20,11 +20,10 @@
 namespace pelyx_sim {
 namespace {
 
-// The error a scenario (or, with parseSweep, a sweep file) is refused with.
-template <class Parse = Scenario (*)(const std::string&)>
-ScenarioError errorOf(const std::string& text, Parse parse = parseScenario) {
+// The error a scenario is refused with.
+ScenarioError errorOf(const std::string& text) {
     try {
-        parse(text);
+        parseScenario(text);
     } catch (const ScenarioError& e) {
         return e;
     }
@@ -287,22 +286,6 @@ TEST(SimWork, JitterSpreadsAroundTheMeanAndRepeatsWithTheSeed) {
     std::sort(ms.begin(), ms.end());
     EXPECT_NEAR(ms[2000], 10.0, 0.2);
     EXPECT_NEAR(ms[3364] - ms[2000], 2.0, 0.25) << "the 84th percentile is one deviation above the median";
-}
-
-TEST(SimSweep, MistakesInASweepFileNameTheirKey) {
-    const std::vector<BadCase> cases = {
-            {R"({"axes": [{"hint": 4171, "values": [1]}], "seed_count": 2})", "seed_count", "unknown key"},
-            {R"({"layer": "g"})", "axes", "missing"},
-            {R"({"axes": [{"hint": 4171, "values": [true]}]})", "axes[0].values[0]", "a text, an integer"},
-            {R"({"axes": [{"property": "p", "at_s": 1, "values": ["1"]}]})", "axes[0].at_s", "hint axes only"},
-            {R"({"axes": [{"hint": 1, "values": [1]}], "replay": "f.csv"})", "replay", "layer label to capture file"},
-            {"{\"axes\": [}", "line 1, column 11", ""},
-    };
-    for (const BadCase& c : cases) {
-        const ScenarioError e = errorOf(c.text, parseSweep);
-        EXPECT_EQ(e.key(), c.key) << c.text;
-        EXPECT_NE(e.reason().find(c.reason), std::string::npos) << c.text << ": " << e.reason();
-    }
 }
 
 TEST(SimSweep, SettingsCoverTheGridOrARepeatableSample) {
