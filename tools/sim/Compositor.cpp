@@ -37,6 +37,7 @@ Compositor::Compositor(std::vector<LayerRuntime*> layers, double refreshHz, cons
         mRefreshHz(refreshHz),
         mLatchCostNs(virtualClock ? static_cast<int64_t>(std::llround(device.latchCostUs * 1e3)) : 0),
         mReleaseDelayNs(static_cast<int64_t>(std::llround(device.releaseDelayUs * 1e3))),
+        mFenceReportNow(device.fenceReportNow),
         mAppVsync(std::any_of(mLayers.begin(), mLayers.end(), [](const LayerRuntime* l) { return l->setup.smartTouch; })) {}
 
 Compositor::~Compositor() {
@@ -121,8 +122,12 @@ void Compositor::tick(int64_t tickNs, int64_t wokeNs) {
                 layer->lastLateFrame = oldest->number;
                 ++layer->lateFences;
             }
-            pelyxTrackLatchUnsignaledGpuFence(oldest->fenceFd, layer->setup.id);
-            unsignaled = true;
+            if (mFenceReportNow) {
+                pelyxNotifyGpuFenceUnsignaled(oldest->fenceFd, layer->setup.id);
+            } else {
+                pelyxTrackLatchUnsignaledGpuFence(oldest->fenceFd, layer->setup.id);
+                unsignaled = true;
+            }
             continue;
         }
         if (oldest->desiredPresentNs > presentNs + kDueSlackNs) continue;  // not due yet

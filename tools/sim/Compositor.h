@@ -60,6 +60,7 @@ private:
     const double mRefreshHz;
     const int64_t mLatchCostNs;
     const int64_t mReleaseDelayNs;
+    const bool mFenceReportNow;
     const bool mAppVsync;  // a layer's app takes the vsync time for smart touch
     std::atomic<int64_t> mStartNs{0};
     std::atomic<bool> mStop{false};

@@ -348,6 +348,11 @@ DeviceModel parseDevice(Fields& f) {
         d.presentDelayVsyncs = static_cast<int>(c.integer("present_delay_vsyncs", 1, 1, 8));
         d.latchCostUs = c.number("latch_cost_us", d.latchCostUs, 0.0, 100000.0);
         d.releaseDelayUs = c.number("release_delay_us", d.releaseDelayUs, 0.0, 1000000.0);
+        const std::string report = c.string("fence_report", "flush", true);
+        if (report != "flush" && report != "now") {
+            throw ScenarioError("compositor.fence_report", "must be \"flush\" or \"now\", got \"" + report + "\"");
+        }
+        d.fenceReportNow = report == "now";
         c.finish();
     }
     if (const Json::Value* v = f.get("scheduler")) {

@@ -153,6 +153,9 @@ struct DeviceModel {
     // After a latch the buffer it replaced reaches its app this much later: the compositor's
     // composition, the release callback's binder call and the app's wake-up.
     double releaseDelayUs = 2000.0;
+    // A GPU fence still unsignalled at the latch is reported at once (pelyxNotifyGpuFenceUnsignaled)
+    // instead of recorded there and flushed after the latches.
+    bool fenceReportNow = false;
     // The GPU's own governor: every `gpuGovernorMs` it steps the clock one of `gpuGovernorSteps`
     // even steps up when the GPU was busy at least `gpuGovernorUp` of the sample, down when
     // less than `gpuGovernorDown`; 0 ms: no governor.
