@@ -101,9 +101,11 @@ TEST(Trace, WritesValidTraceEventJson) {
     EXPECT_EQ(events[2]["args"]["value"].asInt64(), 8'333'333);
 }
 
-TEST(LoopThreads, AskForNiceMinusEightAndFifoOne) {
-    struct Seen { int nice = 0, policy = -1, priority = -1; } seen;
+TEST(LoopThreads, AskForNiceMinusEightAndFifoOneAndKeepFifteenCharactersOfTheirName) {
+    struct Seen { int nice = 0, policy = -1, priority = -1; char name[32] = {}; } seen;
     std::thread loop([&seen] {
+        setThreadName("Pelyx.LongerThanTheKernelKeeps");
+        pthread_getname_np(pthread_self(), seen.name, sizeof(seen.name));
         setLoopThreadPriority("Pelyx.Test");
         seen.nice = getpriority(PRIO_PROCESS, 0);
         sched_param param{};
@@ -112,6 +114,7 @@ TEST(LoopThreads, AskForNiceMinusEightAndFifoOne) {
         seen.priority = param.sched_priority;
     });
     loop.join();
+    EXPECT_STREQ(seen.name, "Pelyx.LongerTha");
     if (seen.policy != SCHED_FIFO) GTEST_SKIP() << "not privileged to raise a thread";
     EXPECT_EQ(seen.nice, -8);
     EXPECT_EQ(seen.priority, 1);

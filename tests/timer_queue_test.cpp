@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -121,7 +122,14 @@ TEST(TimerQueue, CancellingTheFrontRearmsOrDisarmsTheTimer) {
     EXPECT_EQ(1, handler->getStrongCount());
 }
 
+size_t openFds() {
+    size_t n = 0;
+    for ([[maybe_unused]] const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
+    return n;
+}
+
 TEST(TimerQueue, CancelledEntriesAreSkippedAndReleased) {
+    const size_t fds = openFds();
     sp<TimerQueue> queue = new TimerQueue();
     sp<Recorder> handler = new Recorder(), gone = new Recorder(), other = new Recorder();
     queue->sendMessageDelayed(ms(5), handler, Message(1));
@@ -143,7 +151,10 @@ TEST(TimerQueue, CancelledEntriesAreSkippedAndReleased) {
     EXPECT_TRUE(gone->whats().empty());
     EXPECT_EQ(1, handler->getStrongCount());
     EXPECT_EQ(1, gone->getStrongCount());
+    EXPECT_GT(TimerQueueTestPeer::keptNodes(*queue), 0u) << "the collected ids' nodes are kept for reuse";
     EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(50));
+    queue.clear();
+    EXPECT_EQ(fds, openFds()) << "a destroyed queue closes its descriptors";
 }
 
 // Runs `body` on its own thread; false if it is still blocked after 5 s (then it is left behind

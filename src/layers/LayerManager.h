@@ -48,33 +48,23 @@ public:
         int64_t lastSeenTime = 0;
     };
 
-    // A copy of one tracked layer's state, for diagnostics (dumps, the simulator, tests).
+    // A copy of one tracked layer's state, for diagnostics and tests.
     struct LayerStatus {
-        int32_t id = -1;
         std::string packageName;
         std::string sceneTag;
-        int32_t uid = -1;
         bool active = false;
         bool focused = false;
         bool visible = false;
         int32_t fpsMode = -1;
-        float fps = 0.0f;
         int32_t pendingBuffers = 0;
         size_t queuedTimes = 0;
-        int64_t timeToPresent = 0;
-        int64_t frameInterval = 0;
         int64_t removalDeadline = 0;
         bool lastQueueFlag = false;
         bool isGame = false;
-        int32_t gameWeight = -1;
-        bool gfrEnabled = false;
         bool gfrActive = false;
         bool gfrRegistered = false;
         bool phrRegistered = false;
         bool targetFpsActive = false;
-        bool phrConfigValid = false;
-        float phrMinRate = 0.0f;
-        float highFpsPhrMinRate = 0.0f;
         float targetFps = 0.0f;
     };
 

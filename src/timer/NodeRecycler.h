@@ -35,6 +35,8 @@ public:
         return ::operator new(bytes < sizeof(Block) ? sizeof(Block) : bytes);
     }
 
+    size_t kept() const { return mKept; }
+
     void give(void* p, size_t bytes) {
         if (bytes == mBlockBytes && mKept < kMaxKept) {
             mFree = new (p) Block{mFree};
