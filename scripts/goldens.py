@@ -10,7 +10,7 @@ pins the simulator's own model too: every frame's times, verdict and GPU clock (
 gives the same output on any machine, so any difference is a change of behaviour.
 
 Usage: scripts/goldens.py --sim PATH [--update] [NAME...]
-  --update  rewrites the records files from the runs (review the change with git diff)
+  --update  rewrites the records (and frames) files from the runs (review with git diff)
 Exit status: 0 all match (or were written), 1 a golden differs or its run failed, 2 usage.
 """
 
