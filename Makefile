@@ -117,6 +117,7 @@ MUTANTS ?=
 # Debian's interpreter: python3-clang installs its bindings there.
 PYTHON ?= $(firstword $(wildcard /usr/bin/python3) python3)
 mutate: deps
+	@scripts/deps.sh ccache lld
 	MUTATE_FILTER="$(MUTATE_FILTER)" MUTATE_WHICH="$(MUTATE_WHICH)" SAMPLE="$(SAMPLE)" SEED="$(SEED)" MUTANTS="$(MUTANTS)" \
 	  $(PYTHON) scripts/mutate.py --jobs $(JOBS)
 

@@ -32,6 +32,7 @@ import argparse
 import collections
 import hashlib
 import os
+import pickle
 import re
 import shutil
 import signal
@@ -46,7 +47,9 @@ SCRATCH = os.path.join(WORK, "tree")
 BUILD = os.path.join(WORK, "build")
 SKIP_DIRS = {".git", "build"}
 CASE_TIMEOUT = 120  # seconds, as the suite's own per-case limit
-SAMPLE_CASE_TIMEOUT = 30  # a drawn mutant that hangs a case is killed sooner: no case needs 10 s
+# A drawn mutant's case gets a few times what it took unmutated: a hang then costs seconds, not
+# the suite's two minutes, and a case slowed that much counts as noticed.
+SAMPLE_CASE_SLACK = (3.0, 4.0)  # seconds, factor
 EQUIVALENTS = os.path.join(ROOT, "tests", "equivalent-mutants.txt")
 SLOW_LAST = ("soak_test", "stress_test")
 
@@ -186,6 +189,13 @@ def configure():
     cmd = ["cmake", "-S", SCRATCH, "-B", BUILD, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Release",
            "-DCMAKE_C_COMPILER=clang", "-DCMAKE_CXX_COMPILER=clang++",
            "-DPELYX_CORE_OPTIONS=-O0"]
+    # Putting a mutated file back would otherwise cost a second compile of it per mutant.
+    launcher = shutil.which("ccache") or ""
+    os.environ.setdefault("CCACHE_DIR", os.path.join(WORK, "ccache"))
+    cmd += [f"-DCMAKE_C_COMPILER_LAUNCHER={launcher}", f"-DCMAKE_CXX_COMPILER_LAUNCHER={launcher}"]
+    # Every mutant relinks the suite's executables; lld does it in half the time.
+    lld = "-fuse-ld=lld" if shutil.which("ld.lld") else ""
+    cmd += [f"-DCMAKE_EXE_LINKER_FLAGS={lld}", f"-DCMAKE_SHARED_LINKER_FLAGS={lld}"]
     rc, out = run(cmd)
     if rc != 0:
         print(out)
@@ -241,23 +251,32 @@ def list_cases(exe):
     return cases
 
 
-_case_timeout = CASE_TIMEOUT
+# (exe, case) -> seconds it took unmutated; filled by the draw's first run.
+_baseline = {}
+
+
+def case_timeout(exe, case):
+    if (exe, case) not in _baseline:
+        return CASE_TIMEOUT
+    fixed, factor = SAMPLE_CASE_SLACK
+    return min(CASE_TIMEOUT, fixed + factor * _baseline[(exe, case)])
 
 
 def run_case(exe, case):
+    start = time.monotonic()
     if exe == GOLDENS:
         rc, out = run([sys.executable, os.path.join(SCRATCH, "scripts", "goldens.py"), "--sim",
                        os.path.join(BUILD, "tools", "sim", "pelyx-sim"), case],
-                      timeout=_case_timeout)
-        return rc == 0, out
-    rc, out = run([os.path.join(BUILD, "tests", exe), f"--gtest_filter={case}"],
-                  cwd=os.path.join(BUILD, "tests"), timeout=_case_timeout)
-    return rc == 0, out
+                      timeout=case_timeout(exe, case))
+    else:
+        rc, out = run([os.path.join(BUILD, "tests", exe), f"--gtest_filter={case}"],
+                      cwd=os.path.join(BUILD, "tests"), timeout=case_timeout(exe, case))
+    return rc == 0, out, time.monotonic() - start
 
 
-def run_cases(items, jobs, stop_on_failure):
+def run_cases(items, jobs, stop_on_failure, times=None):
     """Runs (exe, case) pairs, `jobs` at a time; returns the failing ones (only the first few
-    when stopping at the first failure)."""
+    when stopping at the first failure). `times`, when given, collects each case's seconds."""
     failed = []
     if not items:
         return failed
@@ -271,7 +290,9 @@ def run_cases(items, jobs, stop_on_failure):
         while running:
             done = next(iter(_first_done(running)))
             item = running.pop(done)
-            ok, _ = done.result()
+            ok, _, secs = done.result()
+            if times is not None:
+                times[item] = secs
             if not ok:
                 failed.append(item)
                 if stop_on_failure:
@@ -409,17 +430,40 @@ def first_selectors(mutant, learned, listed):
     return sels + [e for e, _ in listed[mutant.file].most_common()]
 
 
+def collect_points(mutants_mod):
+    """Every mutation point; parsed again only when a source or the compile commands changed."""
+    commands = os.path.join(BUILD, "compile_commands.json")
+    digest = hashlib.sha256()
+    sources = os.path.join(SCRATCH, "src")
+    paths = [commands] + sorted(os.path.join(d, f) for d, _, fs in os.walk(sources) for f in fs)
+    for path in paths + [os.path.join(ROOT, "scripts", "mutants.py")]:
+        digest.update(path.encode() + b"\0")
+        with open(path, "rb") as f:
+            digest.update(f.read())
+    cache = os.path.join(WORK, "points.pickle")
+    try:
+        with open(cache, "rb") as f:
+            key, points = pickle.load(f)
+        if key == digest.hexdigest():
+            return points
+    except (OSError, EOFError, pickle.UnpicklingError, AttributeError, ValueError):
+        pass
+    points = mutants_mod.collect(commands, SCRATCH)
+    with open(cache + ".tmp", "wb") as f:
+        pickle.dump((digest.hexdigest(), points), f)
+    os.replace(cache + ".tmp", cache)
+    return points
+
+
 def run_sample(args, exes, faults):
     import mutants as mutants_mod  # needs python3-clang; only the draw does
-    global _case_timeout
-    _case_timeout = SAMPLE_CASE_TIMEOUT
     try:
         equivalents = load_equivalents(args.equivalents)
     except ValueError as e:
         print("error:", e)
         return 2
     t0 = time.monotonic()
-    points = mutants_mod.collect(os.path.join(BUILD, "compile_commands.json"), SCRATCH)
+    points = collect_points(mutants_mod)
     # Each point's place in the draw hangs on the seed and its own id only, so an edit elsewhere
     # in the code leaves the rest of a seed's draw as it was.
     order = sorted(points, key=lambda m: hashlib.sha256(f"{args.seed}:{m.id}".encode()).digest())
@@ -563,7 +607,8 @@ def main():
             print("error: the unmutated tree does not build:\n" + _tail(out))
             return 1
         if args.sample:
-            broken = run_cases([(e, c) for e in exes for c in list_cases(e)], args.jobs, False)
+            broken = run_cases([(e, c) for e in exes for c in list_cases(e)], args.jobs, False,
+                               times=_baseline)
             if broken:
                 print("error: these tests fail without any fault: " +
                       ", ".join(f"{e} {c}" for e, c in broken))
