@@ -157,8 +157,8 @@ TEST(ApiForwarding, BufferEventsCarryCallerIdentityBoundsAndState) {
     auto status = lm->getLayerStatus(kGameId);
     ASSERT_TRUE(status.has_value());
     EXPECT_FALSE(status->lastQueueFlag);
-    EXPECT_FALSE(status->focused);
-    EXPECT_FALSE(status->visible);
+    EXPECT_FALSE(layer->mFocused);
+    EXPECT_FALSE(layer->mVisible);
     EXPECT_EQ(layer->mBounds, Rect::INVALID_RECT);
 
     // A nameless buffer has no package: never tracked, never a crash.

@@ -250,7 +250,7 @@ sp<LayerInfo> LayerManager::getOrCreateLayer(std::string_view name, int32_t id, 
 
 void LayerManager::onBufferIncrement(const char* name, int32_t id, int32_t pid, int32_t uid,
                                      int64_t timestamp, bool flag, uint32_t value) {
-    if (id < 1 || !mTrackingEnabled.load()) return;
+    if (id < 1) return;
     if (!name) name = "";
     const int64_t now = platform::now();
     QueuedFrame frame;
@@ -330,7 +330,7 @@ LayerManager::QueuedFrame LayerManager::onQueueLocked(const sp<LayerInfo>& layer
 
 void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendingCount,
                                      const Rect& bounds, bool focused, bool visible) {
-    if (!mTrackingEnabled.load() || mTrackedLayerCount.load() == 0) return;
+    if (mTrackedLayerCount.load() == 0) return;
     Mutex::Autolock lock(mLock);
     auto it = mLayers.find(id);
     if (it == mLayers.end()) return;
@@ -405,7 +405,6 @@ void LayerManager::rememberPackagelessLocked(int32_t id, std::string_view name, 
 }
 
 void LayerManager::onVsync(int64_t now) {
-    if (!mTrackingEnabled.load()) return;
     {
         Mutex::Autolock lock(mLock);
         if (mPhrMonitor) mPhrMonitor->onVsync(now);
@@ -442,7 +441,7 @@ void LayerManager::setVsyncPeriod(int64_t period) {
 }
 
 void LayerManager::unblockPendingBuffer() {
-    if (!mTrackingEnabled.load() || mTrackedLayerCount.load() == 0) return;
+    if (mTrackedLayerCount.load() == 0) return;
     Mutex::Autolock lock(mLock);
     if (!mPhrMonitor) return;
     for (const auto& [id, layer] : mLayers) {
@@ -673,8 +672,6 @@ std::optional<LayerManager::LayerStatus> LayerManager::getLayerStatus(int32_t id
     status.packageName = layer.mPackageName;
     status.sceneTag = layer.mSceneTag;
     status.active = layer.mActive;
-    status.focused = layer.mFocused;
-    status.visible = layer.mVisible;
     status.fpsMode = layer.mFpsMode;
     status.pendingBuffers = layer.mPendingBuffers;
     status.queuedTimes = layer.mQueueTimes.size();

@@ -53,8 +53,6 @@ public:
         std::string packageName;
         std::string sceneTag;
         bool active = false;
-        bool focused = false;
-        bool visible = false;
         int32_t fpsMode = -1;
         int32_t pendingBuffers = 0;
         size_t queuedTimes = 0;
@@ -150,7 +148,6 @@ public:
     int32_t lowLatencyPid() EXCLUDES(mLock);
     bool isActvStable() const { return mActvStable.load(); }
     bool hasConcurrencyEvent() const { return mConcurrencyEvent.load(); }
-    bool isTrackingEnabled() const { return mTrackingEnabled.load(); }
 
 private:
     LayerManager() = default;
@@ -224,7 +221,6 @@ private:
     bool mActiveLimitReached GUARDED_BY(mLock) = false;
     bool mCandidateLimitReached GUARDED_BY(mLock) = false;
     std::atomic<bool> mSceneCheckPending{false};
-    std::atomic<bool> mTrackingEnabled{true};
     int32_t mCpuBigJankThreshold GUARDED_BY(mLock) = 0;
     float mGpuExecThresholdMult = 1.0f;
     std::atomic<bool> mGpuJankDetect{false};

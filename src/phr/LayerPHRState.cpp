@@ -210,11 +210,6 @@ void LayerPHRState::updateDynamicHeadroom(int64_t frameTimeNs, int64_t period,
     }
 }
 
-void LayerPHRState::updateMaxHeadroom(int64_t period, float highFpsMaxRate) {
-    Mutex::Autolock lock(mLock);
-    updateMaxHeadroomLocked(period, highFpsMaxRate);
-}
-
 void LayerPHRState::updateMaxHeadroomLocked(int64_t period, float highFpsMaxRate) {
     int64_t candidate;
     if (mFrameWeightWindowSum >= 30) {
@@ -406,11 +401,6 @@ int64_t LayerPHRState::nextTargetFpsWait(int64_t now, bool compensate, int32_t s
     }
     const int64_t wait = mNextDeadline - mLastQueueTime.load();
     return wait >= 1 ? wait : 0;
-}
-
-void LayerPHRState::resetTargetFpsClock() {
-    Mutex::Autolock lock(mLock);
-    resetTargetFpsClockLocked();
 }
 
 void LayerPHRState::resetTargetFpsClockLocked() {

@@ -57,7 +57,6 @@ public:
     void updateDynamicHeadroom(int64_t frameTimeNs, int64_t period, int32_t displayFps,
                                float highFpsMaxRate) EXCLUDES(mLock);
     // Ceiling update of the dynamic algorithm (high-fps displays only).
-    void updateMaxHeadroom(int64_t period, float highFpsMaxRate) EXCLUDES(mLock);
     // Back to the start of the dynamic algorithm: empty window, current headroom = base.
     void resetAdaptivePhrState() EXCLUDES(mLock);
 
@@ -95,7 +94,6 @@ public:
     // thread must sleep (0 when not at all). Does not sleep.
     int64_t nextTargetFpsWait(int64_t now, bool compensate, int32_t switchTimeSec)
             EXCLUDES(mLock);
-    void resetTargetFpsClock() EXCLUDES(mLock);
     bool isTargetFpsSwitching() const EXCLUDES(mLock);
     float targetFps() const EXCLUDES(mLock);
     float currentSwitchFps() const EXCLUDES(mLock);

@@ -316,15 +316,6 @@ void PHRMonitor::updateDynamicHeadroom(LayerPHRState* state, int64_t frameTimeNs
                                  mHighFpsDefaultMaxHeadroomRate.load());
 }
 
-void PHRMonitor::updateMaxHeadroom(LayerPHRState* state) {
-    if (state == nullptr) return;
-    state->updateMaxHeadroom(mVsyncPeriod.load(), mHighFpsDefaultMaxHeadroomRate.load());
-}
-
-void PHRMonitor::resetAdaptivePhrState(LayerPHRState* state) {
-    if (state != nullptr) state->resetAdaptivePhrState();
-}
-
 void PHRMonitor::trackQueueBuffer(LayerPHRState* state, bool instant, int64_t queueTimeNs) {
     if (state == nullptr) return;
     state->mLastQueueTime.store(queueTimeNs);
@@ -346,7 +337,6 @@ void PHRMonitor::trackQueueBuffer(LayerPHRState* state, bool instant, int64_t qu
                              static_cast<long long>(curHeadroom), static_cast<long long>(target));
 
     if (!instant && !state->mPrevInstant.load() && curHeadroom >= target && period > 0) {
-        state->mPrevInstant.store(false);
         if (state->mReleasedByTimer.load()) {
             PerfProxy::XTRACE_NAME("timer expired");
         } else {
@@ -425,10 +415,6 @@ void PHRMonitor::adjustForTargetFps(LayerPHRState* state) {
     PerfProxy::XTRACE_BEGIN("Pending for target fps");
     state->sleepFor(wait);
     PerfProxy::XTRACE_END();
-}
-
-void PHRMonitor::resetTargetFpsClock(LayerPHRState* state) {
-    if (state != nullptr) state->resetTargetFpsClock();
 }
 
 bool PHRMonitor::isTargetFpsSwitching(int32_t layerId) const {

@@ -77,8 +77,6 @@ public:
     void checkAndUpdateHeadroom(LayerPHRState* state, int64_t frameTimeNs);
     void updatePresetHeadroom(LayerPHRState* state, bool decrease, int64_t stepNs);
     void updateDynamicHeadroom(LayerPHRState* state, int64_t frameTimeNs);
-    void updateMaxHeadroom(LayerPHRState* state);
-    void resetAdaptivePhrState(LayerPHRState* state);
     // The hold of one queued buffer (bounded), or its target-fps pacing.
     void trackQueueBuffer(LayerPHRState* state, bool instant, int64_t queueTimeNs);
 
@@ -92,7 +90,6 @@ public:
     // Sleeps the calling queue thread until the layer's next target-fps deadline, however far
     // off. A signal that interrupts the sleep ends it; it is not resumed (LayerPHRState::sleepFor).
     void adjustForTargetFps(LayerPHRState* state);
-    void resetTargetFpsClock(LayerPHRState* state);
     bool isTargetFpsSwitching(int32_t layerId) const EXCLUDES(mLayersLock);
 
     // ---- Diagnostics ----
