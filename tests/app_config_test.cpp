@@ -140,6 +140,7 @@ TEST_F(AppConfig, FrameRescueFlagsAndTunables) {
 TEST_F(AppConfig, FrameRescueGlobalJankThresholds) {
     for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{
                  {"1.5;1.4", "Invalid GFR jank thresholds: 1.5;1.4. Must be strictly increasing."},
+                 {"1.5;1.5", "Invalid GFR jank thresholds: 1.5;1.5. Must be strictly increasing."},
                  {"1.0;1.4", "Invalid GFR jank thresholds: 1.0;1.4. Must be > 1 vsync."},
                  {"1.5;x", "Invalid parameters for GFR jank thresholds: 1.5;x"}}) {
         push(4189, text, 0, {1});

@@ -177,6 +177,15 @@ TEST(GameQueries, GameIsAnswerTwoAndWeightUsesHintUpToHal22) {
     EXPECT_EQ(perfd_stub::countCalls("perf_hint"), 1u);
 }
 
+TEST(GameQueries, AboveHal22TheWeightAsksTheExtension) {
+    perfd_stub::setHalVersion(2.3);
+    perfd_stub::setGameWeight("com.game", 7);
+    perfd_stub::clearCalls();
+    EXPECT_EQ(PerfProxy::getInstance()->getGameWeight("com.game"), 7);
+    ASSERT_EQ(perfd_stub::countCalls("perf_get_feedback_extn"), 1u);
+    EXPECT_EQ(perfd_stub::calls().back().args, (std::vector<int>{1, 0}));
+}
+
 namespace {
 // Queues the intervals (cyclically) on a new layer until its first one-second window closes.
 struct FpsFeed {

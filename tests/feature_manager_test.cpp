@@ -87,7 +87,7 @@ TEST(FeatureManagerBigJank, ThresholdChangesReachTheWatcher) {
     platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "25");
     ASSERT_TRUE(waitForLog(logs, "The thresholdMs of cpu_big_jank is 25ms"));
     EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 25);
-    platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "0");
+    platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "none"); // reads as 0
     ASSERT_TRUE(waitForLog(logs, "Invalid thresholdMs of cpu_big_jank, disabled"));
     EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 0);
     EXPECT_EQ(logs.countContaining(kTag, "The thresholdMs of cpu_big_jank is"), 1u);

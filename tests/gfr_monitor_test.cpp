@@ -3,6 +3,7 @@
 
 #include <PerfdControl.h>
 #include <fcntl.h>
+#include <sched.h>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -18,6 +19,7 @@
 #include "platform/Clock.h"
 #include "platform/HostControl.h"
 #include "support/FakeBoostDevice.h"
+#include "support/Threads.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
 #include "support/TimerQueuePeer.h"
@@ -70,6 +72,17 @@ constexpr const char* kTag = "Pelyx.GFRMonitor";
 
 using Hint = pelyx_test::FakeBoostDevice::Hint;
 std::vector<Hint> hints() { return pelyx_test::FakeBoostDevice::hints(); }
+
+// Whether this host lets a thread raise itself as the library's loops do.
+bool canRaiseThreads() {
+    bool raised = false;
+    std::thread([&raised] {
+        sched_param param{};
+        param.sched_priority = 1;
+        raised = sched_setscheduler(0, SCHED_FIFO, &param) == 0;
+    }).join();
+    return raised;
+}
 
 class GfrTest : public testing::Test {
 protected:
@@ -255,8 +268,14 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
         EXPECT_EQ(c.flags, s->mWakeupFlags) << c.ttd;
     }
 
-    // Sequential: each row may change the state the next one sees.
-    s->mMaxFreq = 1000;
+    // Sequential: each row may change the state the next one sees. The cap is the last base
+    // frequency of the layer's tunables.
+    GfrTunables capped = s->mTunables;
+    capped.baseFreq = {300, 500, 1000};
+    const int64_t golden = s->mGoldenNs;
+    monitor.updateLayerTunables(kId, capped);
+    ASSERT_EQ(s->mMaxFreq, 1000);
+    s->mGoldenNs = golden;
     auto at = [&](int64_t ttd, int32_t base, int32_t level, int32_t freq, uint32_t flags) {
         s->mDeadline = clock.now() + ttd;
         EXPECT_EQ(freq, peer.onWakeup(*s, level, base)) << ttd << " " << base;
@@ -331,6 +350,14 @@ TEST_F(GfrTest, BltRunsDynamicChecksInRealTime) {
     // Past the deadline: max(base, last), then the last level's base.
     EXPECT_EQ((std::vector<Hint>{{1, -kPeriod, 300}, {2, -kPeriod, 500}, {3, -kPeriod, 2000}}),
               hints());
+    const std::vector<int> blt = pelyx_test::threadsNamed("BLT");
+    ASSERT_EQ(blt.size(), 1u);
+    if (canRaiseThreads()) EXPECT_EQ(sched_getscheduler(blt[0]), SCHED_FIFO) << "BLT runs raised";
+
+    const android::sp<android::LayerGFRState> state = peer.state(kId);
+    monitor.forceStop();
+    EXPECT_FALSE(state->mActive);
+    EXPECT_EQ(peer.state(kId), nullptr) << "a stop forgets every layer";
 }
 
 TEST_F(GfrTest, ALoopErrorIsLoggedAndTheLoopGoesOn) {

@@ -58,6 +58,10 @@ TEST_F(Registry, ElevenFreshCandidatesForceTheOldestOutAndRefuseNewOnes) {
         Producer p{id, k60Hz};
         queue(p);
         clock.advance(kMs);
+        if (id == 10) {
+            lm->cleanupCandidates(clock.now());
+            ASSERT_FALSE(lm->isCandidateLimitReached()) << "ten is within the limit";
+        }
     }
     // The twelfth saw eleven before it: the two oldest were forced out.
     EXPECT_EQ(lm->candidateCount(), 10u);
@@ -104,6 +108,18 @@ TEST_F(Registry, SilentLayerIsMarkedThenRemovedASecondLater) {
     EXPECT_FALSE(tracked(1));
     EXPECT_EQ(lm->trackedLayerCount(), 0);
     EXPECT_EQ(logs.countContaining(kTag, "Unregistered layer 1: [com.app1/com.app1.Main#1]"), 1u);
+}
+
+TEST_F(Registry, AQueueRevivesALayerMarkedForRemoval) {
+    Producer p{1, k60Hz};
+    run({&p}, 600 * kMs);
+    lm->cleanupInactiveLayers(clock.now() + 1'200 * kMs);
+    ASSERT_FALSE(lm->getLayerStatus(1)->active);
+    clock.advance(1'300 * kMs);
+    queue(p);
+    EXPECT_TRUE(lm->getLayerStatus(1)->active);
+    lm->cleanupInactiveLayers(clock.now() + 500 * kMs); // past the old deadline
+    EXPECT_TRUE(tracked(1));
 }
 
 TEST_F(Registry, LatchCountIsTrustedOnlyAfterTwoQuietMilliseconds) {

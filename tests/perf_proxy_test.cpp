@@ -5,26 +5,18 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <string>
 #include <vector>
 
 #include "platform/HostControl.h"
+#include "support/Threads.h"
 
 using android::PerfProxy;
 
-namespace {
-int threadsNamed(const std::string& wanted) {
-    int found = 0;
-    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        std::string name;
-        found += std::getline(std::ifstream(task.path() / "comm"), name) && name == wanted;
-    }
-    return found;
-}
+using pelyx_test::threadsNamed;
 
+namespace {
 // Runs on the boost thread strictly after everything already posted (a later deadline).
 void drain(PerfProxy* proxy) {
     std::promise<void> done;
@@ -94,6 +86,8 @@ TEST(PerfProxyBoostThread, ARestartFromItsOwnTaskLeavesOneThread) {
     ASSERT_NE(0u, proxy->postTaskDelayed(5'000'000, [&] { drained.set_value(); }));
     ASSERT_EQ(std::future_status::ready, drained.get_future().wait_for(std::chrono::seconds(5)));
     // The stopped generation's thread leaves once its task returns, taking its queue with it.
-    for (int i = 0; i < 500 && threadsNamed("BP") > 1; i++) usleep(10'000);
-    EXPECT_EQ(1, threadsNamed("BP"));
+    for (int i = 0; i < 500 && threadsNamed("BP").size() > 1; i++) usleep(10'000);
+    EXPECT_EQ(1u, threadsNamed("BP").size());
+    proxy->stopBoostThread();
+    EXPECT_TRUE(threadsNamed("BP").empty()) << "a stop from another thread joins it";
 }

@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <utility>
+#include <vector>
+
 #include "PerfdControl.h"
 #include "phr/LayerPHRState.h"
 #include "phr/PHRMonitor.h"
@@ -81,4 +84,41 @@ TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
     EXPECT_EQ(s->mHeadroom.load(), s->maxHeadroom());
     for (int i = 0; i < 10; i++) s->updatePresetHeadroom(true, 2 * kMs, kP120);
     EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom());
+    sp<LayerPHRState> hostile = new LayerPHRState(8, "hostile");
+    ASSERT_TRUE(hostile->updateHeadRoom(1e12f, 0.0f, kP120, 60, 0.9f));
+    EXPECT_NEAR(static_cast<double>(hostile->baseHeadroom()), 4e18, 2.0 * kP120) << "clamped";
+    s->updatePresetHeadroom(false, 2 * kMs, 0); // no period: nothing to snap to
+    EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom() + 2 * kMs);
+    s->updatePresetHeadroom(true, kMs, 0);
+    EXPECT_EQ(s->mHeadroom.load(), s->baseHeadroom() + kMs);
+}
+
+// Frame weights: below 0.8 of the period 0, below 1.2 one, below 1.5 two, else three. The
+// 60 Hz base is half a period (8 333 333), the ceiling 0.9 of it (14 999 999).
+TEST(PhrDynamicHeadroom, AHeavyWindowLiftsThenOnTimeFramesRestoreAndLightOnesDecay) {
+    const int64_t base = kP60 / 2, lifted = base + 2 * kMs;
+    const struct { std::vector<std::pair<int, float>> frames; int64_t expected; } cases[] = {
+            {{{14, 0.5f}, {1, 1.5f}}, lifted},             // sum 3 with a three
+            {{{13, 0.5f}, {2, 1.3f}}, lifted},             // two twos
+            {{{13, 0.5f}, {1, 1.3f}, {1, 1.0f}}, lifted},  // sum 3 with a two
+            {{{14, 0.5f}, {1, 1.3f}}, base},               // sum 2: not heavy
+            {{{14, 0.8f}, {1, 1.3f}}, lifted},             // 0.8 is on time already
+            {{{14, 1.0f}, {1, 1.3f}}, lifted},             // fifteen weights, sum 16
+            // The fifty frames count from the last window holding the heavy one (frame 29).
+            {{{14, 0.5f}, {1, 1.5f}, {63, 0.5f}}, 14'999'999}, // the ceiling until frame 78
+            {{{14, 0.5f}, {1, 1.5f}, {64, 0.5f}}, 14'899'999}, // then 0.1 ms a frame
+            {{{14, 0.5f}, {1, 1.5f}, {62, 1.0f}}, 14'999'999},
+            {{{14, 0.5f}, {1, 1.5f}, {63, 1.0f}}, base},       // fifteen on time: base at once
+            {{{14, 0.5f}, {1, 1.5f}, {64, 1.0f}}, base}};      // and a fresh start
+    for (const auto& c : cases) {
+        sp<LayerPHRState> s = new LayerPHRState(7, "game");
+        ASSERT_TRUE(s->updateHeadRoom(0.5f, 0.0f, kP60, 60, 0.9f));
+        int n = 0;
+        for (const auto& [count, ratio] : c.frames) {
+            for (int i = 0; i < count; i++, n++) {
+                s->updateDynamicHeadroom(static_cast<int64_t>(ratio * kP60), kP60, 60, 1.8f);
+            }
+        }
+        EXPECT_EQ(s->mHeadroom.load(), c.expected) << "after " << n << " frames";
+    }
 }

@@ -69,14 +69,18 @@ TEST_F(PhrSwitchingTest, QuickTouchBelongsToOneLayerAtATime) {
     m->registerLayer(2, "b", 0.5f, 0.5f);
     m->setQuickTouchStatus(2, true);
     EXPECT_EQ(m->quickTouchLayerId(), 1) << "still owned by the re-registered layer";
+    m->unregisterLayer(2); // leaves nothing behind for the stop to release
     m->forceStop();
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "PHRMonitor thread exited"), 1u) << "joined";
     EXPECT_EQ(m->quickTouchLayerId(), 1);
 }
 
 TEST_F(PhrSwitchingTest, TargetFpsFirstBufferOnlyStartsTheClock) {
     perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
+    perfd_stub::setProp("vendor.ruvo.target_fps.compensate", "0");
     pelyx_test::ManualClock clock(50 * kSec);
     start();
+    EXPECT_FALSE(m->isTargetFpsCompensate());
     sp<LayerPHRState> s = m->getLayerState(1);
     m->setTargetFpsStatus(1, true, 60.0f, 30.0f);
     // No switch time configured: the flag keeps its initial value until a smooth switch ends.
@@ -92,33 +96,38 @@ TEST_F(PhrSwitchingTest, TargetFpsFirstBufferOnlyStartsTheClock) {
     EXPECT_EQ(s->frameInterval(), 25'000'000);
 }
 
-TEST_F(PhrSwitchingTest, SmoothSwitchStepsAQuarterFpsAndEnds) {
+TEST_F(PhrSwitchingTest, SmoothSwitchStepsHalfAnFpsAndEnds) {
     perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
-    perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "2");
+    perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "1");
     start();
     sp<LayerPHRState> s = m->getLayerState(1);
     s->mLastQueueTime.store(t);
     m->setTargetFpsStatus(1, true, 60.0f, 30.0f);
-    EXPECT_FLOAT_EQ(s->fpsStep(), 0.25f);
+    EXPECT_FLOAT_EQ(s->fpsStep(), 0.5f);
 
-    // Each frame lowers the rate by 0.25 fps and paces to it from the previous deadline.
+    // Each frame lowers the rate by 0.5 fps and paces to it from the previous deadline.
     int64_t previous = t;
     int frames = 0;
     while (m->isTargetFpsSwitching(1) && frames < 1000) {
-        pace(*s, previous, true, 2);
+        pace(*s, previous, true, 1);
         EXPECT_EQ(s->nextDeadline() - previous, s->frameInterval());
         previous = s->nextDeadline();
         if (++frames == 1) {
-            EXPECT_EQ(s->frameInterval(), static_cast<int64_t>(1e9f / 59.75f));
+            EXPECT_EQ(s->frameInterval(), static_cast<int64_t>(1e9f / 59.5f));
         }
     }
-    EXPECT_EQ(frames, 120); // 60 -> 30 in 0.25 steps
+    EXPECT_EQ(frames, 60); // 60 -> 30 in 0.5 steps: one second
     EXPECT_EQ(s->targetFpsBaseTime(), previous);
-    EXPECT_EQ(pace(*s, previous, true, 2), static_cast<int64_t>(1e9f / 30.0f));
+    EXPECT_EQ(pace(*s, previous, true, 1), static_cast<int64_t>(1e9f / 30.0f));
+    // Without compensation a pause of more than a frame restarts the grid there.
+    const int64_t late = previous + 3 * s->frameInterval();
+    EXPECT_EQ(pace(*s, late, false, 1), 0);
+    EXPECT_EQ(s->targetFpsBaseTime(), late);
+    previous = late;
 
     // A step below the rate's float resolution never brings it within a step: no end.
     m->setTargetFpsStatus(1, true, 30.0f, 30.0001f);
-    for (int i = 0; i < 3; i++) pace(*s, previous, true, 2);
+    for (int i = 0; i < 3; i++) pace(*s, previous, true, 1);
     EXPECT_TRUE(m->isTargetFpsSwitching(1));
 }
 
@@ -144,6 +153,18 @@ TEST_F(PhrSwitchingTest, WithAPeriodOfZeroASmoothSwitchNeverEndsAndEveryLatchIsA
     EXPECT_EQ(s->jankCount(), 5u);
     latches(1, 0, 1'000'000);
     EXPECT_FALSE(s->mQuickTouchActive.load()) << "the sixth jank within 15 s";
+}
+
+// Janks 8 s apart never add up; after them, the fourth of a burst is the sixth within 15 s.
+TEST(PhrJanks, OnlyJanksWithinFifteenSecondsAddUp) {
+    sp<LayerPHRState> s = new LayerPHRState(1, "a");
+    int64_t t = 100 * kSec;
+    for (int i = 0; i < 6; i++) {
+        EXPECT_EQ(s->noteLatch(t += 8 * kSec, kP), LayerPHRState::LatchResult::kJank) << i;
+    }
+    int burst = 1;
+    while (s->noteLatch(t += 2 * kP, kP) == LayerPHRState::LatchResult::kJank && burst < 10) burst++;
+    EXPECT_EQ(burst, 4);
 }
 
 TEST_F(PhrSwitchingTest, BacklogNeedsARateAndTheDropWaitEndsAfterThirtyLatches) {

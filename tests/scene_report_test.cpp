@@ -112,6 +112,7 @@ TEST_F(SceneReport, SentOnlyWhenSomethingChanged) {
 TEST_F(SceneReport, FullScreenVersusWindowed) {
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 2300}), 0);
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 2400, 1080}), 0) << "orientation does not matter";
+    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 918, 2040}), 0) << "0.85 of each side is full screen";
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 1200}), 2);
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 900, 2400}), 2);
     EXPECT_EQ(lm->getWindowType(Rect::INVALID_RECT), 0);

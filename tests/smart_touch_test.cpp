@@ -65,6 +65,23 @@ TEST_F(SmartTouch, UnknownFrameIntervalConsumesEveryMove) {
     }
 }
 
+TEST_F(SmartTouch, WithoutHeadroomOrAVsyncYetTheAppDecides) {
+    for (int i = 0; i < 70; i++) {
+        frame(kMs / 2); // too little headroom for the queue path
+        clock.advance(16 * kMs);
+    }
+    ASSERT_GT(tracker->getFrameInterval(), 0);
+    aPelyxSetTouchEvent(kMove);
+    bool consumed = false;
+    aPelyxConsumeInputNow(&consumed);
+    EXPECT_TRUE(consumed) << "the first MOVE after a pause";
+    clock.advance(kMs);
+    consumed = false;
+    aPelyxConsumeInputNow(&consumed);
+    EXPECT_FALSE(consumed) << "left as the app had it";
+    aPelyxConsumeInputNow(nullptr);
+}
+
 TEST_F(SmartTouch, EveryKindOfDownOrUpBoostsAfterAPauseFromTheLastOne) {
     std::vector<int32_t> ids;
     platform::host::setPowerBoostListener([&ids](int32_t id) { ids.push_back(id); });
@@ -104,7 +121,7 @@ TEST_F(SmartTouch, InstantBufferAfterATouchWithHeadroom) {
 // Either switch lets the queue path time buffers; only smart touch makes one instant.
 TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouch) {
     const struct { const char* st; const char* stm; bool instant; } cases[] = {
-            {"1", "0", true}, {"0", "1", false}};
+            {"0", "1", false}, {"1", "0", true}};
     ManualClock clock{10'000'000'000};
     for (const auto& c : cases) {
         platform::setProperty("debug.vendor.perf.smart_touch", c.st);
@@ -116,5 +133,10 @@ TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouc
         clock.advance(400 * kMs);
         aPelyxSetTouchEvent(kDown);
         EXPECT_EQ(!filter().autoTs, c.instant) << c.st << c.stm;
+        // MOVE batches are the move switch's alone.
+        aPelyxSetTouchEvent(kMove);
+        bool consumed = false;
+        aPelyxConsumeInputNow(&consumed);
+        EXPECT_EQ(consumed, c.stm[0] == '1') << c.st << c.stm;
     }
 }
