@@ -186,6 +186,18 @@ TEST(GameQueries, AboveHal22TheWeightAsksTheExtension) {
     EXPECT_EQ(perfd_stub::calls().back().args, (std::vector<int>{1, 0}));
 }
 
+TEST(StableFps, AModeOnlyFromAFullRingWithTimeInIt) {
+    LayerInfo::StableFpsTracker ring;
+    ring.resize(3);
+    ring.push(16'666'667);
+    ring.push(16'666'667);
+    EXPECT_EQ(ring.getFpsMode(), -1) << "not full";
+    ring.push(16'666'667);
+    EXPECT_EQ(ring.getFpsMode(), 60);
+    for (int i = 0; i < 3; i++) ring.push(0);
+    EXPECT_EQ(ring.getFpsMode(), -1) << "frames with no time between them";
+}
+
 namespace {
 // Queues the intervals (cyclically) on a new layer until its first one-second window closes.
 struct FpsFeed {

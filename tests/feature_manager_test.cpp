@@ -48,9 +48,13 @@ TEST(FeatureManagerConstruction, DisabledLeavesEveryOptionalFeatureOff) {
 }
 
 TEST(FeatureManagerConstruction, SwitchedOnFeaturesDefaultTheirTunables) {
+    // A service answer keeps all of its 91 characters.
+    const std::string longest = std::string(87, '0') + "0.25";
     FeatureManager* fm = construct({{{"vendor.perf.phr.enable", "true"},
-                                     {"vendor.ruvo.enable.target_fps", "true"}},
+                                     {"vendor.ruvo.enable.target_fps", "true"},
+                                     {"vendor.perf.game_frame_rescue.headroom_resend_var", longest.c_str()}},
                                     {}});
+    EXPECT_FLOAT_EQ(fm->getFrameResendVariation(), 0.25f);
     EXPECT_TRUE(fm->isPhrDynamicEnabled());
     EXPECT_EQ(fm->getTargetFpsSwitchTime(), 0);
     EXPECT_TRUE(fm->isTargetFpsCompensate());

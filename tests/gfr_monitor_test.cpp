@@ -298,6 +298,10 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     s->mTunables.kFactor = 0.5f; // (1 + 2k) x base at the deadline
     EXPECT_EQ(1000, peer.byTtd(*s, 0, 500));
     s->mTunables.kFactor = 1.0f;
+    const int64_t period = s->mFramePeriod;
+    s->mFramePeriod = 1; // any known period will do
+    EXPECT_EQ(1500, peer.byTtd(*s, 0, 500));
+    s->mFramePeriod = period;
     s->mGoldenNs = 0;
     EXPECT_EQ(500, peer.byTtd(*s, 0, 500));
     EXPECT_EQ(0x800u, s->mWakeupFlags);

@@ -422,12 +422,10 @@ void LayerManager::onVsync(int64_t now) {
 }
 
 void LayerManager::setVsyncPeriod(int64_t period) {
-    int64_t current = mVsyncPeriod.load();
-    if (current == period) return;
+    if (mVsyncPeriod.load() == period) return;
     const int32_t mode = PerfProxy::setVsyncMode(period);
     mVsyncMode.store(mode);
-    while (!mVsyncPeriod.compare_exchange_weak(current, period)) {
-    }
+    mVsyncPeriod.store(period);
     if (mode == 0) {
         ALOGE("Unexpected vsync received: %lld", static_cast<long long>(period));
         return;
