@@ -121,7 +121,7 @@ TEST_F(SmartTouch, InstantBufferAfterATouchWithHeadroom) {
 // Either switch lets the queue path time buffers; only smart touch makes one instant.
 TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouch) {
     const struct { const char* st; const char* stm; bool instant; } cases[] = {
-            {"0", "1", false}, {"1", "0", true}};
+            {"1", "0", true}, {"0", "1", false}, {"1", "0", true}};
     ManualClock clock{10'000'000'000};
     for (const auto& c : cases) {
         platform::setProperty("debug.vendor.perf.smart_touch", c.st);
@@ -133,7 +133,7 @@ TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouc
         clock.advance(400 * kMs);
         aPelyxSetTouchEvent(kDown);
         EXPECT_EQ(!filter().autoTs, c.instant) << c.st << c.stm;
-        // MOVE batches are the move switch's alone.
+        // MOVE batches are the move switch's alone, even with a tracker left from before.
         aPelyxSetTouchEvent(kMove);
         bool consumed = false;
         aPelyxConsumeInputNow(&consumed);
