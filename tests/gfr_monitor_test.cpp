@@ -356,7 +356,9 @@ TEST_F(GfrTest, BltRunsDynamicChecksInRealTime) {
               hints());
     const std::vector<int> blt = pelyx_test::threadsNamed("BLT");
     ASSERT_EQ(blt.size(), 1u);
-    if (canRaiseThreads()) EXPECT_EQ(sched_getscheduler(blt[0]), SCHED_FIFO) << "BLT runs raised";
+    if (canRaiseThreads()) {
+        EXPECT_EQ(sched_getscheduler(blt[0]), SCHED_FIFO) << "BLT runs raised";
+    }
 
     const android::sp<android::LayerGFRState> state = peer.state(kId);
     monitor.forceStop();
