@@ -4,6 +4,7 @@
 
 #include "PerfdControl.h"
 #include "layers/LayerManager.h"
+#include "layers/QueueTimes.h"
 #include "platform/Properties.h"
 #include "support/RegistryDriver.h"
 
@@ -120,6 +121,16 @@ TEST_F(Registry, AQueueRevivesALayerMarkedForRemoval) {
     EXPECT_TRUE(lm->getLayerStatus(1)->active);
     lm->cleanupInactiveLayers(clock.now() + 500 * kMs); // past the old deadline
     EXPECT_TRUE(tracked(1));
+}
+
+TEST(QueueTimes, OldestFirstAndOnlyTheNewest128) {
+    QueueTimes times;
+    for (int64_t t = 1; t <= 3; t++) times.push_back(t);
+    times.pop_front();
+    EXPECT_EQ(times.front(), 2);
+    for (int64_t t = 4; t <= 200; t++) times.push_back(t);
+    EXPECT_EQ(times.size(), 128u);
+    EXPECT_EQ(times.front(), 200 - 127);
 }
 
 TEST_F(Registry, LatchCountIsTrustedOnlyAfterTwoQuietMilliseconds) {

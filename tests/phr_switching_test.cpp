@@ -3,12 +3,15 @@
 
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <cmath>
 
 #include "PerfdControl.h"
 #include "phr/PHRMonitor.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
+#include "support/Threads.h"
 
 using namespace android;
 
@@ -49,6 +52,9 @@ protected:
 
 TEST_F(PhrSwitchingTest, QuickTouchBelongsToOneLayerAtATime) {
     start();
+    // The worker names itself once running.
+    for (int i = 0; i < 500 && pelyx_test::threadsNamed("PHR").empty(); i++) usleep(10'000);
+    EXPECT_EQ(pelyx_test::threadsNamed("PHR").size(), 1u);
     m->setQuickTouchStatus(1, true);
     m->setQuickTouchStatus(2, true);  // ignored while 1 has it
     m->setQuickTouchStatus(2, false); // also ignored: not the owner
@@ -72,6 +78,7 @@ TEST_F(PhrSwitchingTest, QuickTouchBelongsToOneLayerAtATime) {
     m->unregisterLayer(2); // leaves nothing behind for the stop to release
     m->forceStop();
     EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "PHRMonitor thread exited"), 1u) << "joined";
+    EXPECT_TRUE(pelyx_test::threadsNamed("PHR").empty());
     EXPECT_EQ(m->quickTouchLayerId(), 1);
 }
 

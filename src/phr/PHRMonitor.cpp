@@ -306,10 +306,6 @@ void PHRMonitor::checkAndUpdateHeadroom(LayerPHRState* state, int64_t frameTimeN
     }
 }
 
-void PHRMonitor::updatePresetHeadroom(LayerPHRState* state, bool decrease, int64_t stepNs) {
-    if (state != nullptr) state->updatePresetHeadroom(decrease, stepNs, mVsyncPeriod.load());
-}
-
 void PHRMonitor::updateDynamicHeadroom(LayerPHRState* state, int64_t frameTimeNs) {
     if (state == nullptr) return;
     state->updateDynamicHeadroom(frameTimeNs, mVsyncPeriod.load(), mDisplayFps.load(),

@@ -75,7 +75,6 @@ public:
             EXCLUDES(mLayersLock);
     // Per queued buffer while quick touch is on: the fixed or the dynamic algorithm.
     void checkAndUpdateHeadroom(LayerPHRState* state, int64_t frameTimeNs);
-    void updatePresetHeadroom(LayerPHRState* state, bool decrease, int64_t stepNs);
     void updateDynamicHeadroom(LayerPHRState* state, int64_t frameTimeNs);
     // The hold of one queued buffer (bounded), or its target-fps pacing.
     void trackQueueBuffer(LayerPHRState* state, bool instant, int64_t queueTimeNs);
