@@ -276,4 +276,13 @@ TEST(InGameTracker, FrameWindowAndTouchInterval) {
         tracker.trackMoveEvent(move.at);
         EXPECT_EQ(tracker.getTouchInterval(), move.touchInterval) << move.at - t2;
     }
+
+    // A reset forgets everything, the frames of the window in progress too.
+    const int64_t t3 = t2 + 2'000'000'000;
+    for (int i = 0; i < 60; i++) tracker.queueBuffer(t3 + i * 15'000'000);
+    tracker.reset();
+    EXPECT_EQ(tracker.getFrameInterval(), -1);
+    EXPECT_EQ(tracker.getTouchInterval(), 10'000'000);
+    tracker.queueBuffer(t3 + 2'000'000'000);
+    EXPECT_EQ(tracker.getFpsMode(), -1) << "a new window, not the end of the old one";
 }

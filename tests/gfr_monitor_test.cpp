@@ -153,6 +153,7 @@ TEST_F(GfrTest, FrameReplacedInTimeSendsNothingAndStaleChecksDoNothing) {
     monitor.setGFRActive(kId, false);
     peer.fire(kId, 0, clock.now() + 1);
     monitor.unregisterLayer(kId);
+    EXPECT_EQ(peer.state(kId), nullptr);
     peer.fire(kId, 0, clock.now() + 1);
     EXPECT_TRUE(hints().empty());
     EXPECT_EQ(1u, logs.count(kTag, ANDROID_LOG_DEBUG, "Layer 7 disable GFR"));
@@ -294,10 +295,12 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     at(-1, 500, 1, 2800, 0x400);
     s->mLastBoostFreq = 50;
     at(-1, 60, 1, 60, 0x400);
+    at(0, 500, 1, 1000, 0x148); // the deadline itself has not passed
     at(0, 700, 3, 700, 0);
     s->mTunables.kFactor = 0.5f; // (1 + 2k) x base at the deadline
     EXPECT_EQ(1000, peer.byTtd(*s, 0, 500));
     s->mTunables.kFactor = 1.0f;
+    EXPECT_EQ(INT32_MAX, peer.byTtd(*s, 10 * kMs, 1 << 30)) << "2^31 MHz saturates";
     const int64_t period = s->mFramePeriod;
     s->mFramePeriod = 1; // any known period will do
     EXPECT_EQ(1500, peer.byTtd(*s, 0, 500));
@@ -364,6 +367,7 @@ TEST_F(GfrTest, BltRunsDynamicChecksInRealTime) {
     monitor.forceStop();
     EXPECT_FALSE(state->mActive);
     EXPECT_EQ(peer.state(kId), nullptr) << "a stop forgets every layer";
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "GFRMonitor thread exited"), 1u) << "and joins BLT";
 }
 
 TEST_F(GfrTest, ALoopErrorIsLoggedAndTheLoopGoesOn) {

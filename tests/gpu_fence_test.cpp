@@ -150,7 +150,14 @@ TEST_F(GpuFenceTest, AMultiplierScalesTheThresholdOnBothPaths) {
         lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
         lm()->flushLatchUnsignaledGpuFences();
     }
-    EXPECT_EQ(take(gFake.deadlines).size(), 2u);
+    // A recorded fence is sent once: a notify of its layer or its buffer's latch settles it.
+    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
+    notify(41);
+    lm()->flushLatchUnsignaledGpuFences();
+    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
+    latch();
+    lm()->flushLatchUnsignaledGpuFences();
+    EXPECT_EQ(take(gFake.deadlines), (std::vector<int>{40, 40, 41}));
 }
 
 // The driver's timeline name marks a GPU fence; any other name but a detached one marks a

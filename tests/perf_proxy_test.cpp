@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/HostControl.h"
+#include "support/LogCapture.h"
 #include "support/Threads.h"
 
 using android::PerfProxy;
@@ -37,7 +38,7 @@ std::vector<std::vector<int>> callsTo(const std::string& fn) {
 
 std::vector<std::vector<int>> gRecords;  // level, headroom, frequency
 const android::platform::IoctlTable kBoostDevice{
-        [](const char*, int) { return 77; },
+        [](const char*, int) { return 0; }, // a real descriptor once stdin has been closed
         [](int, unsigned long, void* arg) {
             const auto* r = static_cast<const int32_t*>(arg);
             gRecords.push_back({r[0], r[1], r[2]});
@@ -47,6 +48,7 @@ const android::platform::IoctlTable kBoostDevice{
 } // namespace
 
 TEST(PerfProxyDevice, LevelsZeroToThreeGoToTheDeviceOthersToTheService) {
+    pelyx_test::LogCapture logs;
     android::platform::host::setIoctlTable(&kBoostDevice);
     PerfProxy* proxy = PerfProxy::getInstance();
     proxy->frameHint(2, 8'000'000, 7, "com.game", 800);
@@ -56,6 +58,7 @@ TEST(PerfProxyDevice, LevelsZeroToThreeGoToTheDeviceOthersToTheService) {
     android::platform::host::setIoctlTable(nullptr);
     EXPECT_EQ(gRecords, (std::vector<std::vector<int>>{{2, 8'000'000, 800}, {0, 16'000'000, 0}}));
     EXPECT_EQ(callsTo("perf_event"), (std::vector<std::vector<int>>{{4186, 2, 5, 3'000'000}}));
+    EXPECT_EQ(logs.errors(), 0u);
 }
 
 TEST(PerfProxyLowLatency, EachPidGetsOneLockReleasedBeforeTheNext) {

@@ -64,6 +64,17 @@ TEST(PhrBaseHeadroom, RatesPeriodsAndTheVsyncGuard) {
     }
     EXPECT_EQ(logs.count("Pelyx.PHRMonitor", ANDROID_LOG_DEBUG, "Layer 1 set headroom: 1500000"),
               2u);
+
+    // Low rates count like any other; zero turns the layer's headroom off.
+    m->setVsyncInfo(kP60, 60);
+    m->updateHeadRoom(1, 0.25f, 0.25f);
+    EXPECT_EQ(a->baseHeadroom(), kP60 / 4);
+    m->setVsyncInfo(kP120, 120);
+    EXPECT_EQ(a->baseHeadroom(), kP120 / 4);
+    const size_t logged = logs.countContaining("Pelyx.PHRMonitor", "set headroom");
+    m->updateHeadRoom(1, 0.0f, 0.0f);
+    m->setVsyncInfo(kP60, 60);
+    EXPECT_EQ(logs.countContaining("Pelyx.PHRMonitor", "set headroom"), logged);
 }
 
 TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
@@ -108,6 +119,7 @@ TEST(PhrDynamicHeadroom, AHeavyWindowLiftsThenOnTimeFramesRestoreAndLightOnesDec
             {{{14, 0.5f}, {1, 1.5f}, {63, 0.5f}}, 14'999'999}, // the ceiling until frame 78
             {{{14, 0.5f}, {1, 1.5f}, {64, 0.5f}}, 14'899'999}, // then 0.1 ms a frame
             {{{14, 0.5f}, {1, 1.5f}, {62, 1.0f}}, 14'999'999},
+            {{{13, 0.5f}, {1, 1.5f}, {1, 1.3f}, {62, 1.0f}}, 14'999'999}, // the two outlasts the three
             {{{14, 0.5f}, {1, 1.5f}, {63, 1.0f}}, base},       // fifteen on time: base at once
             {{{14, 0.5f}, {1, 1.5f}, {64, 1.0f}}, base}};      // and a fresh start
     for (const auto& c : cases) {

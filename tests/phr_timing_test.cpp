@@ -53,6 +53,13 @@ TEST_F(PhrTimingTest, TheWorkerReleasesAtItsPointUnlessABufferWasQueuedInTheVsyn
     m->onBufferIncrement(1, kP, platform::now(), true); // instant: queued, never held
     platform::sleepFor(400 * kMs);
     EXPECT_FALSE(state->mReleasedByTimer.load());
+
+    // A vsync before the release point cuts the wait short and releases at once.
+    m->onVsync(platform::now());
+    platform::sleepFor(100 * kMs);
+    m->onVsync(platform::now());
+    platform::sleepFor(1);
+    EXPECT_TRUE(state->mReleasedByTimer.load());
 }
 
 TEST_F(PhrTimingTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
@@ -63,6 +70,20 @@ TEST_F(PhrTimingTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
     m->onBufferDecrement(1, 1, now + 1'400 * kMs);
     m->onBufferIncrement(1, kP, now + 2'500 * kMs, false);
     EXPECT_EQ(platform::now() - now, 1'100 * kMs);
+
+    // Less than a period still early after the release: the second wait is just that.
+    const int64_t second = platform::now();
+    m->onBufferDecrement(1, 1, second + 500 * kMs);
+    m->onBufferIncrement(1, kP, second + 950 * kMs, false);
+    EXPECT_EQ(platform::now() - second, 1'700 * kMs);
+
+    // At 60 Hz, while waiting for a buffer to be dropped, the first wait is all there is.
+    m->setVsyncInfo(kP + 1, 60);
+    const int64_t again = platform::now();
+    m->onBufferDecrement(1, 1, again + 1'400 * kMs);
+    state->mBufferDropWait.store(1);
+    m->onBufferIncrement(1, kP, again + 2'500 * kMs, false);
+    EXPECT_LT(platform::now() - again, kP) << "no second wait";
 }
 
 // Switching quick touch off releases nobody: a held buffer waits out its own time-out.

@@ -64,6 +64,13 @@ TEST(Properties, WaitersWakeOnTheirCondition) {
     EXPECT_FALSE(waitForPropertyChange("p.wait", &serial, 10ms));
 }
 
+// On the real clock a sleep to a deadline ends at it, never before and not forever.
+TEST(Clock, SleepUntilEndsAtTheDeadline) {
+    const int64_t deadline = now() + 2'000'000;
+    sleepUntil(deadline);
+    EXPECT_GE(now(), deadline);
+}
+
 TEST(CallingIdentity, DefaultsToSelfAndIsPerThread) {
     EXPECT_EQ(getCallingPid(), getpid());
     host::setCallingIdentity(1234, 10123);

@@ -116,6 +116,14 @@ TEST_F(SceneReport, FullScreenVersusWindowed) {
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 1200}), 2);
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 900, 2400}), 2);
     EXPECT_EQ(lm->getWindowType(Rect::INVALID_RECT), 0);
+    for (auto [w, h] : {std::pair{0, 2400}, std::pair{1080, 0}}) { // the display's size unknown
+        lm->stop();
+        lm->init(false, w, h);
+        EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 1200}), 0) << w << "x" << h;
+    }
+    lm->stop();
+    lm->init(false, 1080, 1); // one pixel is a size
+    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 500, 1}), 2);
 }
 
 TEST_F(SceneReport, InvisibleLayerIsNeverReportedNorLowLatency) {
@@ -124,20 +132,35 @@ TEST_F(SceneReport, InvisibleLayerIsNeverReportedNorLowLatency) {
     Producer hidden{1, k60Hz}, shown{2, k60Hz};
     hidden.visible = false;
     shown.uid = 10'002;
+    shown.pid = 1; // the lowest real pid
     run({&hidden, &shown}, 2'200 * kMs);
     auto r = report();
     ASSERT_TRUE(r.has_value());
     EXPECT_EQ(packages(*r), (std::vector<std::string>{"com.app2"}));
     EXPECT_EQ(r->count, 1);
     EXPECT_EQ(lm->lowLatencyPid(), shown.pid);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "SetLowLatency true for pid=1002"), 1u);
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "SetLowLatency true for pid=1"), 1u);
 
     // The game goes; nobody qualifies and the lock is released.
     shown.visible = false;
     run({&hidden, &shown}, 100 * kMs);
     report();
     EXPECT_EQ(lm->lowLatencyPid(), -1);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "SetLowLatency false for pid=1002"), 1u);
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "SetLowLatency false for pid=1"), 1u);
+}
+
+// A layer whose name carries no package takes its uid's once that app is known, even after it
+// was seen and passed over without one.
+TEST_F(SceneReport, ANamelessLayerBorrowsItsUidsKnownPackage) {
+    Producer app{1, k60Hz}, bare{2, k60Hz};
+    app.uid = bare.uid = 1; // the lowest uid that counts
+    bare.layerName = "Bare#2";
+    queue(bare);
+    run({&app}, 2'200 * kMs);
+    ASSERT_TRUE(report().has_value()); // classified by now
+    run({&app, &bare}, 2'200 * kMs);
+    ASSERT_TRUE(tracked(2));
+    EXPECT_EQ(lm->getLayer(2)->mPackageName, "com.app1");
 }
 
 TEST_F(SceneReport, FourAppsReportCountThreeAndListWhatFits) {

@@ -5,6 +5,7 @@
 
 #include "api/Pelyx.h"
 #include "pelyx/pelyx.h"
+#include "platform/Clock.h"
 #include "platform/HostControl.h"
 #include "platform/Properties.h"
 #include "support/LogCapture.h"
@@ -139,4 +140,14 @@ TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouc
         aPelyxConsumeInputNow(&consumed);
         EXPECT_EQ(consumed, c.stm[0] == '1') << c.st << c.stm;
     }
+}
+
+// The move switch turned on after start-up brings the tracker its MOVE batches need.
+TEST(SmartTouchSwitches, TheMoveSwitchTurnedOnLaterBringsTheTracker) {
+    platform::host::startVirtualTime({});
+    aPelyxAppInit();
+    EXPECT_EQ(getInGameTracker(), nullptr);
+    platform::setProperty("debug.vendor.perf.smart_touch.move", "1");
+    platform::sleepFor(kMs); // the watcher's turn
+    EXPECT_NE(getInGameTracker(), nullptr);
 }

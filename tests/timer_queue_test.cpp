@@ -3,9 +3,11 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 #include <utils/Timers.h>
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -86,6 +88,8 @@ TEST(TimerQueue, AnEntryIsDueAtItsTimeAndACancelAfterCollectionComesTooLate) {
 }
 
 TEST(TimerQueue, TimerFollowsTheEarliestEntryAndNeverFiresEarly) {
+    LogCapture logs;
+    errno = 0; // a read that succeeds leaves a stale errno alone: it is no error
     sp<TimerQueue> queue = new TimerQueue();
     sp<Recorder> handler = new Recorder();
     Posted late = post(*queue, ms(5000), handler, 1);
@@ -101,6 +105,7 @@ TEST(TimerQueue, TimerFollowsTheEarliestEntryAndNeverFiresEarly) {
     EXPECT_GE(calls[1].at, next.earliest);
     EXPECT_EQ(1u, late.id); // ids count from 1, messages and tasks alike
     EXPECT_EQ(4u, queue->postTask([] {}));
+    EXPECT_EQ(logs.errors(), 0u);
 }
 
 TEST(TimerQueue, CancellingTheFrontRearmsOrDisarmsTheTimer) {
@@ -202,11 +207,23 @@ TEST(TimerQueue, AnEntryReleasedByTheQueueMayCallBackIntoIt) {
 
 void onSignal(int) {}
 
+// A process may have closed stdin: descriptor 0 is then the loop's like any other.
+TEST(TimerQueue, DescriptorZeroWorksLikeAnyOther) {
+    close(0);
+    sp<TimerQueue> queue = new TimerQueue();
+    sp<Recorder> handler = new Recorder();
+    queue->sendMessage(handler, Message(1));
+    EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+}
+
 TEST(TimerQueue, WakeAndSignalsEndThePollAsWoken) {
+    LogCapture logs;
+    errno = 0;
     sp<TimerQueue> queue = new TimerQueue();
     queue->wake();
     queue->wake();
     EXPECT_EQ(TimerQueue::kPollWake, queue->pollOnce(1000));
+    EXPECT_EQ(logs.errors(), 0u);
     EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(50)); // the counter was drained
 
     struct sigaction action = {};

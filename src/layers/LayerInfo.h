@@ -80,8 +80,8 @@ public:
     // 0 unknown, 1 GPU driver timeline, 255 other. Atomic: the origin query runs without the
     // registry mutex.
     std::atomic<uint8_t> mFenceOrigin{0};
-    int32_t mPendingLatchFenceFd = -1;
-    int64_t mPendingLatchFenceTime = 0;
+    int32_t mPendingLatchFenceFd = -1;  // -1: none recorded
+    int64_t mPendingLatchFenceTime = 0; // read only while a fence is recorded
 
     bool mTargetFpsActive = false;
     float mTargetFps = 0.0f;

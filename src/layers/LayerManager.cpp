@@ -348,7 +348,6 @@ void LayerManager::onBufferDecrement(const char* name, int32_t id, int32_t pendi
         mGfrMonitor->updateFrameDropWindow(id, dropped);
     }
 
-    layer.mPendingLatchFenceTime = 0;
     layer.mPendingLatchFenceFd = -1;
     const int32_t old = layer.mPendingBuffers;
     layer.mPendingBuffers = old - 1;

@@ -116,7 +116,6 @@ void LayerManager::notifyGpuFenceUnsignaled(int32_t fenceFd, int32_t layerId) {
         name = layer->mName;
         // Handled now: a recorded fence of this layer must not be sent again by the flush.
         layer->mPendingLatchFenceFd = -1;
-        layer->mPendingLatchFenceTime = 0;
     }
     if (queueTime == 0 || threshold == 0) return;
     if (!checkAndCacheFenceOrigin(*layer, fenceFd)) return;
@@ -154,7 +153,6 @@ void LayerManager::flushLatchUnsignaledGpuFences() {
             const int fd = layer->mPendingLatchFenceFd;
             const int64_t queueTime = layer->mPendingLatchFenceTime;
             layer->mPendingLatchFenceFd = -1;
-            layer->mPendingLatchFenceTime = 0;
             if (!enabled) continue;
             const int64_t threshold = computeGpuExecThresholdLocked(*layer);
             if (queueTime == 0 || threshold == 0) continue;

@@ -19,7 +19,6 @@ struct Rect {
     bool operator==(const Rect& o) const {
         return left == o.left && top == o.top && right == o.right && bottom == o.bottom;
     }
-    bool operator!=(const Rect& o) const { return !(*this == o); }
 };
 
 inline constexpr Rect Rect::INVALID_RECT{0, 0, -1, -1};

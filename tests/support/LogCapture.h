@@ -50,6 +50,10 @@ public:
     size_t countContaining(const std::string& tag, const std::string& fragment) const {
         return countIf([&](const LogLine& l) { return l.tag == tag && l.message.find(fragment) != std::string::npos; });
     }
+    // Number of lines logged as errors or worse, whatever their tag.
+    size_t errors() const {
+        return countIf([](const LogLine& l) { return l.priority >= ANDROID_LOG_ERROR; });
+    }
     void clear() {
         std::lock_guard<std::mutex> lock(sMutex);
         if (sLines) sLines->clear();
