@@ -285,7 +285,7 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     at(5 * kMs, 500, 0, 1000, 0x108);
     at(5 * kMs, 40, 0, 100, 0x008); // 100 MHz stays
     at(5 * kMs, 39, 0, 0, 0x088);
-    s->mFirstCheckAdjust = 16 * kMs;
+    s->mFirstCheckAdjust = 1;
     at(5 * kMs, 500, 0, 1000, 0x118);
     // The last level and a passed deadline skip raise, floor and cap.
     s->mTunables.histJank = true;

@@ -146,8 +146,8 @@ TEST_F(GpuFenceTest, AMultiplierScalesTheThresholdOnBothPaths) {
     queueAt(t);
     for (int64_t waited : {int64_t{8'333'332}, int64_t{8'333'333}}) {
         mClock.set(t + waited);
-        notify(40);
-        lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
+        notify(0); // a descriptor like any other
+        lm()->trackLatchUnsignaledGpuFence(0, kLayerId);
         lm()->flushLatchUnsignaledGpuFences();
     }
     // A recorded fence is sent once: a notify of its layer or its buffer's latch settles it.
@@ -157,7 +157,14 @@ TEST_F(GpuFenceTest, AMultiplierScalesTheThresholdOnBothPaths) {
     lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
     latch();
     lm()->flushLatchUnsignaledGpuFences();
-    EXPECT_EQ(take(gFake.deadlines), (std::vector<int>{40, 40, 41}));
+    EXPECT_EQ(take(gFake.deadlines), (std::vector<int>{0, 0, 41}));
+    // Without a period there is no threshold, on the latch path too.
+    lm()->setVsyncPeriod(0);
+    queueAt(mClock.now() + kMs);
+    mClock.advance(1000 * kMs);
+    lm()->trackLatchUnsignaledGpuFence(40, kLayerId);
+    lm()->flushLatchUnsignaledGpuFences();
+    EXPECT_TRUE(take(gFake.deadlines).empty());
 }
 
 // The driver's timeline name marks a GPU fence; any other name but a detached one marks a

@@ -90,6 +90,17 @@ TEST_F(Registry, ElevenFreshCandidatesForceTheOldestOutAndRefuseNewOnes) {
     EXPECT_EQ(lm->candidateCount(), 6u);
 }
 
+// Past four tracked layers the fifth promotion evicts; an invisible layer goes before any other,
+// even before unfocused ones.
+TEST_F(Registry, PastFourLayersAnInvisibleOneGoesFirst) {
+    Producer a{1, k60Hz}, b{2, k60Hz}, c{3, k60Hz}, d{4, k60Hz}, hidden{5, k60Hz};
+    a.focused = b.focused = c.focused = d.focused = false;
+    hidden.visible = false;
+    run({&hidden, &a, &b, &c, &d}, 600 * kMs); // hidden is promoted first, d last
+    EXPECT_TRUE(tracked(1) && tracked(2) && tracked(3) && tracked(4));
+    EXPECT_FALSE(tracked(5));
+}
+
 TEST_F(Registry, SilentLayerIsMarkedThenRemovedASecondLater) {
     Producer p{1, k60Hz};
     run({&p}, 600 * kMs);
@@ -127,8 +138,9 @@ TEST(QueueTimes, OldestFirstAndOnlyTheNewest128) {
     QueueTimes times;
     for (int64_t t = 1; t <= 3; t++) times.push_back(t);
     times.pop_front();
+    for (int64_t t = 4; t <= 6; t++) times.push_back(t); // wraps round, then grows
     EXPECT_EQ(times.front(), 2);
-    for (int64_t t = 4; t <= 200; t++) times.push_back(t);
+    for (int64_t t = 7; t <= 200; t++) times.push_back(t);
     EXPECT_EQ(times.size(), 128u);
     EXPECT_EQ(times.front(), 200 - 127);
 }
@@ -157,17 +169,18 @@ TEST_F(Registry, LatchCountIsTrustedOnlyAfterTwoQuietMilliseconds) {
     EXPECT_EQ(lm->getLayerStatus(1)->pendingBuffers, 2);
 }
 
+// Another app's layer on screen meanwhile is no miss once the checked one has matched.
 TEST_F(Registry, AliveAppCheckFiresAfterFourMatchingWindows) {
     FeatureManager* fm = FeatureManager::getInstance();
-    Producer p{1, k60Hz};
-    run({&p}, 600 * kMs);
+    Producer p{1, k60Hz}, other{2, k60Hz};
+    run({&p, &other}, 600 * kMs);
     fm->setCallbackHintValue(4192, "com.app1", 0, 0, {});
     perfd_stub::clearCalls();
-    run({&p}, 3'600 * kMs); // three windows: not yet
+    run({&p, &other}, 3'600 * kMs); // three windows: not yet
     for (const auto& call : perfd_stub::calls()) {
         EXPECT_FALSE(call.fn == "perf_event" && call.ints.at(0) == 4099) << "not after three windows";
     }
-    run({&p}, 1'100 * kMs);
+    run({&p, &other}, 1'100 * kMs);
     size_t resumes = 0;
     for (const auto& call : perfd_stub::calls()) {
         if (call.fn == "perf_event" && call.ints.at(0) == 4099) {

@@ -120,6 +120,7 @@ TEST(PhrDynamicHeadroom, AHeavyWindowLiftsThenOnTimeFramesRestoreAndLightOnesDec
             {{{14, 0.5f}, {1, 1.5f}, {64, 0.5f}}, 14'899'999}, // then 0.1 ms a frame
             {{{14, 0.5f}, {1, 1.5f}, {62, 1.0f}}, 14'999'999},
             {{{13, 0.5f}, {1, 1.5f}, {1, 1.3f}, {62, 1.0f}}, 14'999'999}, // the two outlasts the three
+            {{{14, 0.5f}, {1, 1.5f}, {15, 0.5f}, {60, 1.0f}}, base}, // the three gone: max 1
             {{{14, 0.5f}, {1, 1.5f}, {63, 1.0f}}, base},       // fifteen on time: base at once
             {{{14, 0.5f}, {1, 1.5f}, {64, 1.0f}}, base}};      // and a fresh start
     for (const auto& c : cases) {

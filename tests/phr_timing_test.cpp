@@ -78,12 +78,18 @@ TEST_F(PhrTimingTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
     EXPECT_EQ(platform::now() - second, 1'700 * kMs);
 
     // At 60 Hz, while waiting for a buffer to be dropped, the first wait is all there is.
+    m->onVsync(platform::now()); // a release point takes up the time-outs so far
+    platform::sleepFor(kP);
     m->setVsyncInfo(kP + 1, 60);
     const int64_t again = platform::now();
     m->onBufferDecrement(1, 1, again + 1'400 * kMs);
     state->mBufferDropWait.store(1);
     m->onBufferIncrement(1, kP, again + 2'500 * kMs, false);
     EXPECT_LT(platform::now() - again, kP) << "no second wait";
+    // That hold timed out: the next release point is not counted as the timer's release.
+    m->onVsync(platform::now());
+    platform::sleepFor(kP);
+    EXPECT_FALSE(state->mReleasedByTimer.load());
 }
 
 // Switching quick touch off releases nobody: a held buffer waits out its own time-out.

@@ -92,3 +92,14 @@ TEST_F(PhrWiring, TouchesUnblockAndOnlyLatchesAtTheDisplayModeCount) {
     run({&game}, 200 * kMs);
     EXPECT_EQ(state->mLastLatchTime.load(), latched);
 }
+
+TEST_F(PhrWiring, WithdrawnRatesSwitchQuickTouchOffAndTouchesNoLongerUnblock) {
+    Producer game{1, k60Hz};
+    startHeadroom(game);
+    sp<LayerPHRState> state = phr->getLayerState(1);
+    phr->setQuickTouchStatus(1, true); // as a backlog of buffers would
+    features->setCallbackHintValue(4187, "com.app1", 0, 0, {});
+    EXPECT_FALSE(state->mQuickTouchActive.load());
+    lm->unblockPendingBuffer();
+    EXPECT_FALSE(state->mUnblockRequested.load());
+}

@@ -152,6 +152,7 @@ TEST_F(SceneReport, InvisibleLayerIsNeverReportedNorLowLatency) {
 // A layer whose name carries no package takes its uid's once that app is known, even after it
 // was seen and passed over without one.
 TEST_F(SceneReport, ANamelessLayerBorrowsItsUidsKnownPackage) {
+    perfd_stub::setGame("com.app1", true);
     Producer app{1, k60Hz}, bare{2, k60Hz};
     app.uid = bare.uid = 1; // the lowest uid that counts
     bare.layerName = "Bare#2";
@@ -161,6 +162,7 @@ TEST_F(SceneReport, ANamelessLayerBorrowsItsUidsKnownPackage) {
     run({&app, &bare}, 2'200 * kMs);
     ASSERT_TRUE(tracked(2));
     EXPECT_EQ(lm->getLayer(2)->mPackageName, "com.app1");
+    EXPECT_TRUE(lm->getLayer(2)->mIsGame) << "and what is known of the app";
 }
 
 TEST_F(SceneReport, FourAppsReportCountThreeAndListWhatFits) {

@@ -64,6 +64,10 @@ TEST_F(SmartTouch, UnknownFrameIntervalConsumesEveryMove) {
             clock.advance(kMs);
         }
     }
+    aPelyxSetTouchEvent(kDown);
+    bool consumed = false;
+    aPelyxConsumeInputNow(&consumed);
+    EXPECT_FALSE(consumed) << "only MOVE batches are decided";
 }
 
 TEST_F(SmartTouch, WithoutHeadroomOrAVsyncYetTheAppDecides) {
@@ -81,6 +85,26 @@ TEST_F(SmartTouch, WithoutHeadroomOrAVsyncYetTheAppDecides) {
     aPelyxConsumeInputNow(&consumed);
     EXPECT_FALSE(consumed) << "left as the app had it";
     aPelyxConsumeInputNow(nullptr);
+}
+
+// Without headroom, once a vsync is known, a MOVE is consumed at most once a frame.
+TEST_F(SmartTouch, TheVsyncPathPendsUntilAFrameAfterItsLastConsume) {
+    for (int i = 0; i < 70; i++) {
+        frame(kMs / 2);
+        clock.advance(16 * kMs);
+    }
+    const int64_t interval = tracker->getFrameInterval();
+    ASSERT_GT(interval, 0);
+    aPelyxSetTouchEvent(kMove);
+    const struct { int64_t after; bool consumed; } steps[] = {
+            {0, true}, {kMs, true}, {interval, false}, {1, true}};
+    for (const auto& step : steps) {
+        clock.advance(step.after);
+        aPelyxSetVsyncTime(clock.now());
+        bool consumed = !step.consumed;
+        aPelyxConsumeInputNow(&consumed);
+        EXPECT_EQ(consumed, step.consumed) << step.after;
+    }
 }
 
 TEST_F(SmartTouch, EveryKindOfDownOrUpBoostsAfterAPauseFromTheLastOne) {
