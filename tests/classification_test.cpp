@@ -207,6 +207,11 @@ struct FpsFeed {
     explicit FpsFeed(const std::vector<int64_t>& pattern) {
         layer.mLastQueueTime = now;
         layer.updateFps();
+        play(pattern);
+    }
+    // One more window of the pattern.
+    void play(const std::vector<int64_t>& pattern) {
+        intervals = 0;
         for (bool closed = false; !closed && intervals < 1000; intervals++) {
             now += pattern[intervals % pattern.size()];
             layer.mLastQueueTime = now;
@@ -244,6 +249,10 @@ TEST(LayerFps, ModeNeedsASteadyRingOfThirtyIntervals) {
         FpsFeed feed(row.pattern);
         EXPECT_EQ(feed.layer.mFpsMode, row.mode) << row.what;
     }
+    // Past every band (333 fps here) the mode is given up, steady beat or not.
+    FpsFeed leaving({16'666'667});
+    leaving.play({500'000, 5'500'000});
+    EXPECT_EQ(leaving.layer.mFpsMode, -1);
 }
 
 // The app's own frame count per window of a second, and the running interval of touch MOVEs

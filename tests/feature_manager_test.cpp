@@ -88,9 +88,9 @@ TEST(FeatureManagerBigJank, ThresholdChangesReachTheWatcher) {
     EXPECT_TRUE(fm->isFeatureEnabled(CPU_BIG_JANK));
     EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 40);
 
-    platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "25");
-    ASSERT_TRUE(waitForLog(logs, "The thresholdMs of cpu_big_jank is 25ms"));
-    EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 25);
+    platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "1"); // the smallest there is
+    ASSERT_TRUE(waitForLog(logs, "The thresholdMs of cpu_big_jank is 1ms"));
+    EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 1);
     platform::setProperty("debug.perf.cpu_big_jank_threshold_ms", "none"); // reads as 0
     ASSERT_TRUE(waitForLog(logs, "Invalid thresholdMs of cpu_big_jank, disabled"));
     EXPECT_EQ(fm->getCpuBigJankThresholdMs(), 0);

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -301,6 +302,9 @@ TEST_F(GfrTest, BoostFrequencyFollowsDeadlineAndDropsThenFloorsAndCaps) {
     EXPECT_EQ(1000, peer.byTtd(*s, 0, 500));
     s->mTunables.kFactor = 1.0f;
     EXPECT_EQ(INT32_MAX, peer.byTtd(*s, 10 * kMs, 1 << 30)) << "2^31 MHz saturates";
+    s->mTunables.kFactor = NAN;
+    EXPECT_EQ(0, peer.byTtd(*s, 0, 500)) << "and NaN is 0";
+    s->mTunables.kFactor = 1.0f;
     const int64_t period = s->mFramePeriod;
     s->mFramePeriod = 1; // any known period will do
     EXPECT_EQ(1500, peer.byTtd(*s, 0, 500));

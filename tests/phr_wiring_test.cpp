@@ -78,6 +78,16 @@ INSTANTIATE_TEST_SUITE_P(Settings, PhrWiringKeepsPacing,
                                          "vendor.ruvo.target_fps.compensate=false"),
                          [](const auto& info) { return info.index == 0 ? "SmoothSwitch" : "NoCompensation"; });
 
+TEST_F(PhrWiring, PacingStopsMoreThanTwoFpsBelowTheTarget) {
+    Producer game{1, k60Hz};
+    features->setCallbackHintValue(4171, "com.app1", 5500, 0, {});
+    startHeadroom(game);
+    ASSERT_TRUE(lm->getLayerStatus(1)->targetFpsActive);
+    game.period = 19 * kMs; // 52.6 fps
+    run({&game}, 3'300 * kMs);
+    EXPECT_FALSE(lm->getLayerStatus(1)->targetFpsActive);
+}
+
 TEST_F(PhrWiring, TouchesUnblockAndOnlyLatchesAtTheDisplayModeCount) {
     Producer game{1, k60Hz};
     startHeadroom(game);
@@ -97,6 +107,7 @@ TEST_F(PhrWiring, WithdrawnRatesSwitchQuickTouchOffAndTouchesNoLongerUnblock) {
     Producer game{1, k60Hz};
     startHeadroom(game);
     sp<LayerPHRState> state = phr->getLayerState(1);
+    EXPECT_FLOAT_EQ(state->rateForFps(120), 1.2f) << "registered with the app's rates";
     phr->setQuickTouchStatus(1, true); // as a backlog of buffers would
     features->setCallbackHintValue(4187, "com.app1", 0, 0, {});
     EXPECT_FALSE(state->mQuickTouchActive.load());
