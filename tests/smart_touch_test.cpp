@@ -48,6 +48,13 @@ protected:
         clock.advance(work);
         aPelyxQueueBuffer(false);
     }
+    // Seventy frames 16.5 ms apart, each with too little headroom for the queue path.
+    void framesWithoutHeadroom() {
+        for (int i = 0; i < 70; i++) {
+            frame(kMs / 2);
+            clock.advance(16 * kMs);
+        }
+    }
 
     ManualClock clock{10'000'000'000};
     InGameTracker* tracker = nullptr;
@@ -71,10 +78,7 @@ TEST_F(SmartTouch, UnknownFrameIntervalConsumesEveryMove) {
 }
 
 TEST_F(SmartTouch, WithoutHeadroomOrAVsyncYetTheAppDecides) {
-    for (int i = 0; i < 70; i++) {
-        frame(kMs / 2); // too little headroom for the queue path
-        clock.advance(16 * kMs);
-    }
+    framesWithoutHeadroom();
     ASSERT_GT(tracker->getFrameInterval(), 0);
     aPelyxSetTouchEvent(kMove);
     bool consumed = false;
@@ -89,10 +93,7 @@ TEST_F(SmartTouch, WithoutHeadroomOrAVsyncYetTheAppDecides) {
 
 // Without headroom, once a vsync is known, a MOVE is consumed at most once a frame.
 TEST_F(SmartTouch, TheVsyncPathPendsUntilAFrameAfterItsLastConsume) {
-    for (int i = 0; i < 70; i++) {
-        frame(kMs / 2);
-        clock.advance(16 * kMs);
-    }
+    framesWithoutHeadroom();
     const int64_t interval = tracker->getFrameInterval();
     ASSERT_GT(interval, 0);
     aPelyxSetTouchEvent(kMove);
