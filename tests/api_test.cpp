@@ -97,11 +97,17 @@ TEST(ApiStartup, DisabledReturnsFalseLogsOnlyTheSwitchAndAsksAgain) {
     EXPECT_FALSE(pelyxIsTargetFpsActive());
 }
 
+// Headroom for target rates keeps the hold path on whatever the smart-touch switch says.
 TEST(ApiStartup, TargetFpsActiveOnlyWhileConfigured) {
+    platform::host::startVirtualTime({});
     perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
     LogCapture logs;
     ASSERT_TRUE(pelyxInit(1080, 2400));
     EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "[PHR:1]"), 1u) << "target fps wants headroom";
+    for (const char* smartTouch : {"1", "0"}) {
+        platform::setProperty("debug.vendor.perf.smart_touch", smartTouch);
+        platform::sleepFor(1'000'000);
+    }
     EXPECT_TRUE(LayerManager::getInstance()->isSmartTouchEnabled());
     EXPECT_FALSE(pelyxIsTargetFpsActive());
     ASSERT_EQ(perfd_stub::pushHint(4171, "com.game", 6000, 0, {}), 0);

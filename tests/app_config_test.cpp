@@ -105,37 +105,6 @@ TEST_F(AppConfig, HeadroomRatesTakeSecondAndFourthValues) {
     EXPECT_EQ(announcements(), 2u);
 }
 
-// Flags 1 and 2 update starting from the app's entry, 0 removes it, anything else is refused.
-TEST_F(AppConfig, FrameRescueFlagsAndTunables) {
-    const struct {
-        const char* text;
-        std::vector<int> values;
-        int flag; // expected afterwards, -1: no entry
-        float golden, kFactor;
-    } rows[] = {
-            {"com.game:golden=0.8", {1}, 1, 0.8f, 1.0f},
-            {"com.game:golden=0.9", {3}, 1, 0.8f, 1.0f},
-            {"com.game:golden=0.9", {-1}, 1, 0.8f, 1.0f},
-            {"com.game:golden=0.9", {}, 1, 0.8f, 1.0f},
-            {"com.game:golden=0.7_kFactor=9", {2}, 1, 0.8f, 1.0f},
-            {"com.game:kFactor=2", {2}, 2, 0.8f, 2.0f},
-            {"com.game:anything", {0}, -1, 0.0f, 0.0f},
-    };
-    for (const auto& row : rows) {
-        push(4189, row.text, 0, row.values);
-        auto t = fm->getGFRTunables("com.game", false);
-        ASSERT_EQ(t.has_value(), row.flag >= 0) << row.text;
-        if (!t) continue;
-        EXPECT_EQ(t->flag, row.flag) << row.text;
-        EXPECT_FLOAT_EQ(t->golden, row.golden) << row.text;
-        EXPECT_FLOAT_EQ(t->kFactor, row.kFactor) << row.text;
-    }
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_ERROR, "Invalid gfrFlag: 3"), 1u);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_ERROR, "Invalid gfrFlag: -1"), 1u);
-    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_ERROR, "Invalid GFR tunables: golden=0.7_kFactor=9"), 1u);
-    EXPECT_EQ(announcements(), 3u);
-}
-
 // The global entry's text is up to three jank thresholds, the first above 1 vsync, increasing.
 TEST_F(AppConfig, FrameRescueGlobalJankThresholds) {
     for (const auto& [text, message] : std::vector<std::pair<std::string, std::string>>{

@@ -36,7 +36,9 @@ bool waitForLog(const LogCapture& logs, const std::string& fragment) {
 } // namespace
 
 TEST(FeatureManagerConstruction, DisabledLeavesEveryOptionalFeatureOff) {
+    LogCapture logs;
     FeatureManager* fm = construct({{{"vendor.perf.pelyx.enable", "0"},
+                                     {"vendor.perf.pelyx.debug", "1"},
                                      {"vendor.perf.phr.enable", "1"},
                                      {"vendor.ruvo.enable.target_fps", "true"},
                                      {"vendor.perf.gpu_jank_detect.enable", "true"}},
@@ -45,6 +47,9 @@ TEST(FeatureManagerConstruction, DisabledLeavesEveryOptionalFeatureOff) {
         EXPECT_FALSE(fm->isFeatureEnabled(f)) << f;
     }
     EXPECT_TRUE(fm->isFeatureEnabled(FRAME_RESCUE));
+    fm->setCallbackHintValue(4187, "com.game", 0, 0, {0, 80});
+    EXPECT_FALSE(fm->getPhrConfig("com.game", false).has_value());
+    EXPECT_EQ(logs.count(kTag, ANDROID_LOG_DEBUG, "set PhrMinRate fail, Quick Touch disable!"), 1u);
 }
 
 TEST(FeatureManagerConstruction, SwitchedOnFeaturesDefaultTheirTunables) {

@@ -124,25 +124,6 @@ protected:
 
 } // namespace
 
-TEST_F(GfrTest, ChecksEscalateAtEachThresholdAndTheNextFrameWithdraws) {
-    stopped();
-    auto s = addLayer();
-    EXPECT_EQ((std::vector<int64_t>{20'000'000, 26'666'666, 33'333'332}), s->mCheckTimes);
-    const int64_t token = frame(kPeriod, 5 * kMs);
-    EXPECT_EQ(token + 20'000'000, s->mPendingCheckTime);
-    // Later gaps run from when the previous check ran, late or not.
-    clock.advance(23 * kMs);
-    peer.fire(kId, 0, token);
-    EXPECT_EQ(clock.now() + 6'666'666, s->mPendingCheckTime);
-    peer.fire(kId, 1, token);
-    peer.fire(kId, 2, token);
-    EXPECT_EQ(0u, s->mPendingCheckId) << "nothing after the last threshold";
-    frame(12 * kMs);
-    EXPECT_EQ((std::vector<Hint>{{1, 5'000'000, 300}, {2, 5'000'000, 500}, {3, 5'000'000, 2000},
-                                 {0, 12'000'000, 0}}),
-              hints());
-}
-
 TEST_F(GfrTest, FrameReplacedInTimeSendsNothingAndStaleChecksDoNothing) {
     stopped();
     auto s = addLayer();
@@ -158,37 +139,6 @@ TEST_F(GfrTest, FrameReplacedInTimeSendsNothingAndStaleChecksDoNothing) {
     peer.fire(kId, 0, clock.now() + 1);
     EXPECT_TRUE(hints().empty());
     EXPECT_EQ(1u, logs.count(kTag, ANDROID_LOG_DEBUG, "Layer 7 disable GFR"));
-}
-
-TEST_F(GfrTest, FlagTwoAlsoWithdrawsWhenFrameTimeMovesBeyondTheVariation) {
-    stopped();
-    addLayer(false, 2);
-    frame(kPeriod);           // previous frame time 0
-    frame(kPeriod + 3 * kMs); // within 3 333 333
-    frame(kPeriod + 7 * kMs);
-    peer.fire(kId, 0, frame(kPeriod + 7 * kMs));
-    frame(kPeriod + 7 * kMs); // unchanged but boosted
-    EXPECT_EQ((std::vector<Hint>{{0, 16'666'666, 0}, {0, 23'666'666, 0}, {1, 5'000'000, 300},
-                                 {0, 23'666'666, 0}}),
-              hints());
-}
-
-TEST_F(GfrTest, DynamicModeMovesTheFirstCheckToGoldenBeforeTheDeadline) {
-    stopped();
-    auto s = addLayer(true);
-    // Check 0 at 20 ms, golden 10 ms: {min delay, deadline after the queue end, first check}.
-    const struct { int64_t minDelay, deadline, check; } cases[] = {
-            {16 * kMs, 20 * kMs, 16 * kMs}, // never sooner than min delay
-            {8 * kMs, 20 * kMs, 10 * kMs},
-            {8 * kMs, 30 * kMs, 20 * kMs}}; // enough time left
-    for (const auto& c : cases) {
-        clock.advance(50 * kMs);
-        monitor.onQueueBegin(kId, clock.now(), kPeriod, c.deadline - kPeriod);
-        s->mGoldenNs = 10 * kMs;
-        s->mMinDelayNs = c.minDelay;
-        monitor.onQueueEnd(kId, clock.now(), 0);
-        EXPECT_EQ(c.check, s->mPendingCheckTime - clock.now()) << c.minDelay << " " << c.deadline;
-    }
 }
 
 TEST_F(GfrTest, PeriodFollowsFpsAtQueueEndAndVsyncAtFrameBegin) {

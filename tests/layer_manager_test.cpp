@@ -29,24 +29,6 @@ TEST_F(Registry, PeriodicCleanupRunsOnVsyncEveryOneAndAHalfSeconds) {
     EXPECT_FALSE(tracked(1));
 }
 
-TEST_F(Registry, TheServiceHearsTheHighestFpsModeAndALayerWithoutOneNeverCounts) {
-    auto lastMaxMode = [] {
-        std::string last;
-        for (const auto& c : perfd_stub::calls()) {
-            if (c.fn == "perf_event" && c.ints.at(0) == 4196) last = c.pkg + " " + std::to_string(c.args.at(1));
-        }
-        return last;
-    };
-    Producer a{1, k60Hz}, b{2, k60Hz};
-    run({&a}, 2'200 * kMs);
-    EXPECT_EQ(lastMaxMode(), "com.app1 60");
-    run({&b}, 600 * kMs); // tracked, with no mode yet
-    lm->cleanupInactiveLayers(clock.now() + 500 * kMs);
-    lm->cleanupInactiveLayers(clock.now() + 1'600 * kMs);
-    ASSERT_TRUE(!tracked(1) && tracked(2));
-    EXPECT_EQ(lastMaxMode(), "null -1");
-}
-
 TEST_F(Registry, TwentyFpsIsNeverPromoted) {
     Producer twenty{2, 50 * kMs};
     run({&twenty}, 5'000 * kMs);

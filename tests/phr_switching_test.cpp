@@ -103,41 +103,6 @@ TEST_F(PhrSwitchingTest, TargetFpsFirstBufferOnlyStartsTheClock) {
     EXPECT_EQ(s->frameInterval(), 25'000'000);
 }
 
-TEST_F(PhrSwitchingTest, SmoothSwitchStepsHalfAnFpsAndEnds) {
-    perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
-    perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "1");
-    start();
-    sp<LayerPHRState> s = m->getLayerState(1);
-    s->mLastQueueTime.store(t);
-    m->setTargetFpsStatus(1, true, 60.0f, 30.0f);
-    EXPECT_FLOAT_EQ(s->fpsStep(), 0.5f);
-
-    // Each frame lowers the rate by 0.5 fps and paces to it from the previous deadline.
-    int64_t previous = t;
-    int frames = 0;
-    while (m->isTargetFpsSwitching(1) && frames < 1000) {
-        pace(*s, previous, true, 1);
-        EXPECT_EQ(s->nextDeadline() - previous, s->frameInterval());
-        previous = s->nextDeadline();
-        if (++frames == 1) {
-            EXPECT_EQ(s->frameInterval(), static_cast<int64_t>(1e9f / 59.5f));
-        }
-    }
-    EXPECT_EQ(frames, 60); // 60 -> 30 in 0.5 steps: one second
-    EXPECT_EQ(s->targetFpsBaseTime(), previous);
-    EXPECT_EQ(pace(*s, previous, true, 1), static_cast<int64_t>(1e9f / 30.0f));
-    // Without compensation a pause of more than a frame restarts the grid there.
-    const int64_t late = previous + 3 * s->frameInterval();
-    EXPECT_EQ(pace(*s, late, false, 1), 0);
-    EXPECT_EQ(s->targetFpsBaseTime(), late);
-    previous = late;
-
-    // A step below the rate's float resolution never brings it within a step: no end.
-    m->setTargetFpsStatus(1, true, 30.0f, 30.0001f);
-    for (int i = 0; i < 3; i++) pace(*s, previous, true, 1);
-    EXPECT_TRUE(m->isTargetFpsSwitching(1));
-}
-
 // A period of 0 has no fps mode: a smooth switch's step is unbounded, so it never ends and paces
 // nothing; and every latch counts as a jank.
 TEST_F(PhrSwitchingTest, WithAPeriodOfZeroASmoothSwitchNeverEndsAndEveryLatchIsAJank) {

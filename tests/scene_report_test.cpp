@@ -165,45 +165,6 @@ TEST_F(SceneReport, ANamelessLayerBorrowsItsUidsKnownPackage) {
     EXPECT_TRUE(lm->getLayer(2)->mIsGame) << "and what is known of the app";
 }
 
-TEST_F(SceneReport, FourAppsReportCountThreeAndListWhatFits) {
-    Producer a{1, k60Hz}, b{2, k60Hz}, c{3, k60Hz}, d{4, k60Hz};
-    a.uid = 10'001; b.uid = 10'002; c.uid = 10'003; d.uid = 10'004;
-    run({&a, &b, &c, &d}, 2'200 * kMs);
-    auto r = report();
-    ASSERT_TRUE(r.has_value());
-    EXPECT_EQ(r->count, 3);
-    EXPECT_EQ(r->apps.size(), 4u);
-}
-
-TEST_F(SceneReport, DropsTheLastAppThatDoesNotFit) {
-    std::vector<Producer> apps;
-    for (int32_t id = 1; id <= 4; id++) {
-        Producer p{id, k60Hz};
-        p.uid = 10'000 + id;
-        const std::string pkg = "com.example.long.package.name.number" + std::to_string(id);
-        p.layerName = pkg + "/" + pkg + ".MainActivity#" + std::to_string(id);
-        p.bounds = Rect{10, 20, 1000 + id, 2000};
-        apps.push_back(p);
-    }
-    run({&apps[0], &apps[1], &apps[2], &apps[3]}, 2'200 * kMs);
-    auto r = report();
-    ASSERT_TRUE(r.has_value());
-    EXPECT_EQ(r->apps.size(), 2u);
-    EXPECT_GE(logs.count(kTag, ANDROID_LOG_WARN, "JSON length limit reached, drop the last added group"),
-              1u);
-}
-
-TEST_F(SceneReport, AConcurrencyEventReportsOnlyAChangedScene) {
-    Producer game{1, k60Hz};
-    run({&game}, 2'200 * kMs);
-    ASSERT_TRUE(report().has_value());
-    const size_t sent = perfd_stub::countCalls("perf_event");
-    android::FeatureManager::getInstance()->setCallbackHintValue(4192, "com.app1", 1, 0, {});
-    EXPECT_TRUE(lm->hasConcurrencyEvent());
-    report(); // the same scene: nothing to send
-    EXPECT_EQ(perfd_stub::countCalls("perf_event"), sent);
-}
-
 TEST_F(SceneReport, HostileNamesStayValidAndBounded) {
     Producer quotes{1, k60Hz};
     quotes.layerName = std::string("com.\"evil\\\x01\n\x7f\xc3\xa9/x#1");

@@ -109,7 +109,6 @@ bool LayerInfo::updateFps() {
         PerfProxy::XLOGD(LOG_TAG, "FPS:%.2F[%s] layer %d, (%d, %d) mode:%d focused:%d visible: %d",
                          mFps, mName.c_str(), mId, mBounds.getWidth(), mBounds.getHeight(),
                          mFpsMode, mFocused, mVisible);
-        mLastFpsTime = now;
         mFramesInWindow = 0;
         mWindowStarted = false;
         completed = true;

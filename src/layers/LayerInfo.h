@@ -93,7 +93,6 @@ public:
     int32_t mFramesInWindow = 0;
     int64_t mWindowStart = 0;
     int32_t mFpsMode = -1;
-    int64_t mLastFpsTime = 0;
     StableFpsTracker mStableFps;
     int32_t mAliveAppMatchCount = 0;
 };

@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace pelyx_test {
@@ -40,6 +41,20 @@ public:
     Beat& beat(size_t worker, std::string role) {
         mBeats[worker].role = std::move(role);
         return mBeats[worker];
+    }
+    // A worker that runs `step` inside the library, `pause` apart, until `running` clears.
+    template <typename Step>
+    std::thread periodic(size_t worker, std::string role, const std::atomic<bool>& running,
+                         Clock::duration pause, Step step) {
+        return std::thread([&b = beat(worker, std::move(role)), &running, pause, step]() mutable {
+            while (running.load()) {
+                {
+                    Call call(b);
+                    step();
+                }
+                std::this_thread::sleep_for(pause);
+            }
+        });
     }
     // The role of a thread blocked for longer than the bound, or empty.
     std::string blocked() const {

@@ -80,36 +80,19 @@ TEST(Soak, MemoryStaysFlatWithChurnAndPushes) {
             }
         });
     }
-    Watchdog::Beat& vsyncBeat = watchdog.beat(2, "vsync");
-    threads.emplace_back([&] {
-        auto next = Clock::now();
-        while (running.load()) {
-            {
-                Watchdog::Call call(vsyncBeat);
-                pelyxTrackVsyncSignal();
-            }
-            next += std::chrono::microseconds(16'667);
-            std::this_thread::sleep_until(next);
+    threads.push_back(watchdog.periodic(2, "vsync", running, std::chrono::microseconds(16'667),
+                                        [] { pelyxTrackVsyncSignal(); }));
+    threads.push_back(watchdog.periodic(3, "service", running, std::chrono::milliseconds(50),
+                                        [rng = std::mt19937(3)]() mutable {
+        const std::string pkg = "com.soak.app" + std::to_string(rng() % 20);
+        switch (rng() % 4) {
+            case 0: perfd_stub::pushHint(4171, pkg, 3000 + rng() % 6000, 0, {}); break;
+            case 1: perfd_stub::pushHint(4187, pkg, 0, 0, {0, 70 + int(rng() % 30), 0, 120}); break;
+            case 2: perfd_stub::pushHint(4189, pkg + ":golden=0.8_dynamic=1", 0, 0, {1}); break;
+            default: perfd_stub::pushHint(4192, pkg, 1, 0, {}); break;
         }
-    });
-    Watchdog::Beat& serviceBeat = watchdog.beat(3, "service");
-    threads.emplace_back([&] {
-        std::mt19937 rng(3);
-        while (running.load()) {
-            const std::string pkg = "com.soak.app" + std::to_string(rng() % 20);
-            {
-                Watchdog::Call call(serviceBeat);
-                switch (rng() % 4) {
-                    case 0: perfd_stub::pushHint(4171, pkg, 3000 + rng() % 6000, 0, {}); break;
-                    case 1: perfd_stub::pushHint(4187, pkg, 0, 0, {0, 70 + int(rng() % 30), 0, 120}); break;
-                    case 2: perfd_stub::pushHint(4189, pkg + ":golden=0.8_dynamic=1", 0, 0, {1}); break;
-                    default: perfd_stub::pushHint(4192, pkg, 1, 0, {}); break;
-                }
-                perfd_stub::clearCalls();
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
-        }
-    });
+        perfd_stub::clearCalls();
+    }));
 
     const double startMiB = residentMiB();
     double warmMiB = startMiB;

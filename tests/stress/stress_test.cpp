@@ -86,75 +86,44 @@ TEST(Stress, NoThreadStaysBlockedAndNothingBreaks) {
             }
         });
     }
-    // Vsync.
-    Watchdog::Beat& vsyncBeat = watchdog.beat(3, "vsync");
-    threads.emplace_back([&] {
-        while (running.load()) {
-            {
-                Watchdog::Call call(vsyncBeat);
-                pelyxTrackVsyncSignal();
-                pelyxUnblockPendingBuffer();
-            }
-            calls++;
-            std::this_thread::sleep_for(std::chrono::nanoseconds(k60Hz));
-        }
-    });
-    // GPU fences.
-    Watchdog::Beat& fenceBeat = watchdog.beat(4, "fences");
-    threads.emplace_back([&] {
-        std::mt19937 rng(4);
-        while (running.load()) {
-            const int32_t id = 100 + (rng() % 3) * 1000 + rng() % 50;
-            {
-                Watchdog::Call call(fenceBeat);
-                pelyxNotifyGpuFenceUnsignaled(5, id);
-                pelyxTrackLatchUnsignaledGpuFence(6, id);
-                pelyxFlushLatchUnsignaledGpuFences();
-            }
-            calls++;
-            std::this_thread::sleep_for(std::chrono::milliseconds(3));
-        }
-    });
+    using std::chrono::milliseconds;
+    threads.push_back(watchdog.periodic(3, "vsync", running, std::chrono::nanoseconds(k60Hz), [&] {
+        pelyxTrackVsyncSignal();
+        pelyxUnblockPendingBuffer();
+        calls++;
+    }));
+    threads.push_back(watchdog.periodic(4, "fences", running, milliseconds(3), [&, rng = std::mt19937(4)]() mutable {
+        const int32_t id = 100 + (rng() % 3) * 1000 + rng() % 50;
+        pelyxNotifyGpuFenceUnsignaled(5, id);
+        pelyxTrackLatchUnsignaledGpuFence(6, id);
+        pelyxFlushLatchUnsignaledGpuFences();
+        calls++;
+    }));
     // The performance service pushing configuration.
-    Watchdog::Beat& serviceBeat = watchdog.beat(5, "service");
-    threads.emplace_back([&] {
-        std::mt19937 rng(5);
-        while (running.load()) {
-            const std::string pkg = "com.stress.app" + std::to_string(rng() % 8);
-            {
-                Watchdog::Call call(serviceBeat);
-                switch (rng() % 5) {
-                    case 0: perfd_stub::pushHint(4171, pkg, 3000 + rng() % 9000, 0, {}); break;
-                    case 1: perfd_stub::pushHint(4187, pkg, 0, 0, {0, int(rng() % 150), 0, int(rng() % 200)}); break;
-                    case 2: perfd_stub::pushHint(4189, pkg + ":golden=0.8_dynamic=1", 0, 0, {int(rng() % 3)}); break;
-                    case 3: perfd_stub::pushHint(4192, pkg, rng() % 3, rng() % 2, {}); break;
-                    default: perfd_stub::pushHint(4171, "", 0, 0, {}); break;
-                }
-                perfd_stub::clearCalls();
-            }
-            calls++;
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    threads.push_back(watchdog.periodic(5, "service", running, milliseconds(20), [&, rng = std::mt19937(5)]() mutable {
+        const std::string pkg = "com.stress.app" + std::to_string(rng() % 8);
+        switch (rng() % 5) {
+            case 0: perfd_stub::pushHint(4171, pkg, 3000 + rng() % 9000, 0, {}); break;
+            case 1: perfd_stub::pushHint(4187, pkg, 0, 0, {0, int(rng() % 150), 0, int(rng() % 200)}); break;
+            case 2: perfd_stub::pushHint(4189, pkg + ":golden=0.8_dynamic=1", 0, 0, {int(rng() % 3)}); break;
+            case 3: perfd_stub::pushHint(4192, pkg, rng() % 3, rng() % 2, {}); break;
+            default: perfd_stub::pushHint(4171, "", 0, 0, {}); break;
         }
-    });
+        perfd_stub::clearCalls();
+        calls++;
+    }));
     // Smart-touch switch flips, and one registry stop at a random moment.
-    Watchdog::Beat& switchBeat = watchdog.beat(6, "switches");
-    threads.emplace_back([&] {
-        std::mt19937 rng(6);
-        const auto stopAt = Clock::now() + std::chrono::milliseconds(rng() % (seconds * 1000));
-        bool stopped = false;
-        while (running.load()) {
-            {
-                Watchdog::Call call(switchBeat);
-                platform::setProperty("debug.vendor.perf.smart_touch", rng() % 2 ? "1" : "0");
-                if (!stopped && Clock::now() >= stopAt) {
-                    LayerManager::getInstance()->stop();
-                    stopped = true;
-                }
-            }
-            calls++;
-            std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    std::mt19937 switchRng(6);
+    const auto stopAt = Clock::now() + milliseconds(switchRng() % (seconds * 1000));
+    threads.push_back(watchdog.periodic(6, "switches", running, milliseconds(50),
+                                        [&, rng = switchRng, stopped = false]() mutable {
+        platform::setProperty("debug.vendor.perf.smart_touch", rng() % 2 ? "1" : "0");
+        if (!stopped && Clock::now() >= stopAt) {
+            LayerManager::getInstance()->stop();
+            stopped = true;
         }
-    });
+        calls++;
+    }));
 
     while (Clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
