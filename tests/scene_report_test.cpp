@@ -165,6 +165,17 @@ TEST_F(SceneReport, ANamelessLayerBorrowsItsUidsKnownPackage) {
     EXPECT_TRUE(lm->getLayer(2)->mIsGame) << "and what is known of the app";
 }
 
+TEST_F(SceneReport, AConcurrencyEventReportsOnlyAChangedScene) {
+    Producer game{1, k60Hz};
+    run({&game}, 2'200 * kMs);
+    ASSERT_TRUE(report().has_value());
+    const size_t sent = perfd_stub::countCalls("perf_event");
+    android::FeatureManager::getInstance()->setCallbackHintValue(4192, "com.app1", 1, 0, {});
+    EXPECT_TRUE(lm->hasConcurrencyEvent());
+    report(); // the same scene: nothing to send
+    EXPECT_EQ(perfd_stub::countCalls("perf_event"), sent);
+}
+
 TEST_F(SceneReport, HostileNamesStayValidAndBounded) {
     Producer quotes{1, k60Hz};
     quotes.layerName = std::string("com.\"evil\\\x01\n\x7f\xc3\xa9/x#1");
