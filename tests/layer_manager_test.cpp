@@ -29,6 +29,18 @@ TEST_F(Registry, PeriodicCleanupRunsOnVsyncEveryOneAndAHalfSeconds) {
     EXPECT_FALSE(tracked(1));
 }
 
+// The highest fps mode the service hears is never a layer's without one: then it is "null".
+TEST_F(Registry, ALayerWithoutAnFpsModeIsNeverTheHighest) {
+    Producer a{1, k60Hz}, b{2, k60Hz};
+    run({&a}, 2'200 * kMs);
+    run({&b}, 600 * kMs); // tracked, with no mode yet
+    lm->cleanupInactiveLayers(clock.now() + 500 * kMs);
+    lm->cleanupInactiveLayers(clock.now() + 1'600 * kMs);
+    ASSERT_TRUE(!tracked(1) && tracked(2));
+    const perfd_stub::Call last = perfd_stub::calls().back();
+    EXPECT_EQ(last.pkg + " " + std::to_string(last.args.at(1)), "null -1");
+}
+
 TEST_F(Registry, TwentyFpsIsNeverPromoted) {
     Producer twenty{2, 50 * kMs};
     run({&twenty}, 5'000 * kMs);

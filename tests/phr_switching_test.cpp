@@ -82,6 +82,25 @@ TEST_F(PhrSwitchingTest, QuickTouchBelongsToOneLayerAtATime) {
     EXPECT_EQ(m->quickTouchLayerId(), 1);
 }
 
+// A one-second smooth switch lowers the rate 0.5 fps a frame, pacing each frame to its own rate.
+TEST_F(PhrSwitchingTest, SmoothSwitchStepsHalfAnFpsAndEnds) {
+    perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
+    perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "1");
+    start();
+    sp<LayerPHRState> s = m->getLayerState(1);
+    s->mLastQueueTime.store(t);
+    m->setTargetFpsStatus(1, true, 60.0f, 30.0f);
+    int64_t previous = t;
+    float fps = 60.0f;
+    int frames = 0;
+    for (; m->isTargetFpsSwitching(1) && frames < 1000; frames++, previous = s->nextDeadline()) {
+        pace(*s, previous, true, 1);
+        fps = std::max(fps - 0.5f, 30.0f);
+        EXPECT_EQ(s->nextDeadline() - previous, static_cast<int64_t>(1e9f / fps)) << frames;
+    }
+    EXPECT_EQ(frames, 60);
+}
+
 TEST_F(PhrSwitchingTest, TargetFpsFirstBufferOnlyStartsTheClock) {
     perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
     perfd_stub::setProp("vendor.ruvo.target_fps.compensate", "0");

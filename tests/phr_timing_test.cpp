@@ -13,6 +13,7 @@
 #include "platform/Clock.h"
 #include "platform/HostControl.h"
 #include "platform/Thread.h"
+#include "support/Threads.h"
 
 using namespace android;
 
@@ -130,6 +131,8 @@ TEST(PhrWorkerStart, AVsyncRightAfterInitIsNotLost) {
     // Its release point comes 200 ms later; nothing is queued, so the worker marks it passed.
     platform::sleepFor(200 * kMs + 1);
     EXPECT_TRUE(state->mReleasedByTimer.load());
+    m->forceStop(); // the worker has not had its turn yet: only a join gives it one
+    EXPECT_TRUE(pelyx_test::threadsNamed("PHR").empty());
 }
 
 // On the kernel's clock: a signal ends the pacing sleep for good. The sleeper is signalled until
