@@ -82,7 +82,8 @@ TEST_F(PhrSwitchingTest, QuickTouchBelongsToOneLayerAtATime) {
     EXPECT_EQ(m->quickTouchLayerId(), 1);
 }
 
-// A one-second smooth switch lowers the rate 0.5 fps a frame, pacing each frame to its own rate.
+// A one-second smooth switch lowers the rate 0.5 fps a frame, pacing each frame to its own rate;
+// afterwards, without compensation, a late frame restarts the grid.
 TEST_F(PhrSwitchingTest, SmoothSwitchStepsHalfAnFpsAndEnds) {
     perfd_stub::setProp("vendor.ruvo.enable.target_fps", "true");
     perfd_stub::setProp("vendor.ruvo.target_fps.switch_time", "1");
@@ -99,6 +100,10 @@ TEST_F(PhrSwitchingTest, SmoothSwitchStepsHalfAnFpsAndEnds) {
         EXPECT_EQ(s->nextDeadline() - previous, static_cast<int64_t>(1e9f / fps)) << frames;
     }
     EXPECT_EQ(frames, 60);
+    // Without compensation a pause of more than a frame restarts the grid there.
+    const int64_t late = previous + 3 * s->frameInterval();
+    EXPECT_EQ(pace(*s, late, false, 1), 0);
+    EXPECT_EQ(s->targetFpsBaseTime(), late);
 }
 
 TEST_F(PhrSwitchingTest, TargetFpsFirstBufferOnlyStartsTheClock) {
