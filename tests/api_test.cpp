@@ -114,18 +114,21 @@ TEST(ApiStartup, TargetFpsActiveOnlyWhileConfigured) {
     EXPECT_TRUE(pelyxIsTargetFpsActive());
     ASSERT_EQ(perfd_stub::pushHint(4171, "com.game", 0, 0, {}), 0); // removes the entry
     EXPECT_FALSE(pelyxIsTargetFpsActive());
+    EXPECT_TRUE(pelyxInit(1080, 2400));
+    EXPECT_EQ(perfd_stub::countCalls("perf_callback_register"), 1u) << "started once only";
 }
 
 // Only the exact texts "1" and "0" switch smart touch (the watcher has its turn on the virtual
-// clock after each set), and a touch's unblock is forwarded only while it is on.
+// clock after each set), and a touch's unblock is forwarded only while it is on, from start-up.
 TEST(ApiSmartTouchWatcher, OnlyOneAndZeroSwitchSmartTouchWhichGatesUnblock) {
     platform::host::startVirtualTime({});
     platform::setProperty(kTrace, "1");
+    platform::setProperty("debug.vendor.perf.smart_touch", "1");
     LogCapture logs;
     ASSERT_TRUE(pelyxInit(1080, 2400));
     const std::string unblocked = "SurfaceFlinger: Smart touch debug: pelyxUnblockPendingBuffer";
     const struct { const char* text; bool on; } steps[] = {
-            {"true", false}, {"1", true}, {"false", true}, {"0", false}};
+            {"false", true}, {"0", false}, {"true", false}, {"1", true}};
     size_t forwarded = 0;
     for (const auto& step : steps) {
         platform::setProperty("debug.vendor.perf.smart_touch", step.text);
