@@ -70,10 +70,11 @@ int feedbackOf(const State& s, int req, const char* pkg) {
     return 0;
 }
 
+// A long answer fills the whole value with no terminator, as a careless service's would.
 void copyCut(android::PerfPropVal& out, const std::string& text) {
-    const size_t n = std::min(text.size(), sizeof(out.value) - 1);
+    const size_t n = std::min(text.size(), sizeof(out.value));
     memcpy(out.value, text.data(), n);
-    out.value[n] = '\0';
+    if (n < sizeof(out.value)) out.value[n] = '\0';
 }
 
 } // namespace

@@ -32,9 +32,7 @@ std::atomic<FeatureManager*> gInstance{nullptr};
 
 // Service answers are at most 91 characters: the property value limit.
 std::string readServiceProp(PerfProxy* proxy, const char* name, const char* defaultValue) {
-    PerfPropVal val = proxy->perfGetProp(name, defaultValue);
-    val.value[sizeof(val.value) - 1] = '\0';
-    return val.value;
+    return proxy->perfGetProp(name, defaultValue).value;
 }
 
 bool parseBool(const std::string& text) {

@@ -56,16 +56,6 @@ PerfProxy::PerfProxy() {
     loadClientLibrary();
 }
 
-PerfProxy::~PerfProxy() {
-    stopBoostThread();
-    {
-        Mutex::Autolock lock(mBoostLock);
-        if (mBoostFd >= 0) platform::ioctlTable().close(mBoostFd);
-        mBoostFd = -1;
-    }
-    if (mLibHandle) dlclose(mLibHandle);
-}
-
 void PerfProxy::loadClientLibrary() {
     mLibHandle = dlopen(kPerfClientLibrary, RTLD_NOW);
     if (!mLibHandle) {

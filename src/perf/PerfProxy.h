@@ -98,9 +98,9 @@ public:
     static void XTRACE_ASYNC_END(const char* name, int32_t cookie);
     static void XLOGD(const char* tag, const char* fmt, ...) __attribute__((format(printf, 2, 3)));
 
-    ~PerfProxy();
-
 private:
+    // Lives for the process (see getInstance): boost tasks and callbacks may run until exit.
+    ~PerfProxy() = delete;
     PerfProxy();
     PerfProxy(const PerfProxy&) = delete;
     PerfProxy& operator=(const PerfProxy&) = delete;
