@@ -100,7 +100,7 @@ TEST_F(PhrSwitchingTest, SmoothSwitchStepsHalfAnFpsAndEnds) {
         EXPECT_EQ(s->nextDeadline() - previous, static_cast<int64_t>(1e9f / fps)) << frames;
     }
     EXPECT_EQ(frames, 60);
-    EXPECT_EQ(pace(*s, previous, true, 1), s->frameInterval()) << "the grid goes on from there";
+    EXPECT_EQ(pace(*s, previous + s->frameInterval() - 1, true, 1), 1) << "the grid goes on";
     // Without compensation a pause of more than a frame restarts the grid there.
     const int64_t late = previous + 3 * s->frameInterval();
     EXPECT_EQ(pace(*s, late, false, 1), 0);

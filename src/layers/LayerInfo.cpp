@@ -22,13 +22,6 @@ void LayerInfo::StableFpsTracker::resize(int n) {
     mFull = false;
 }
 
-void LayerInfo::StableFpsTracker::reset() {
-    std::fill(mSamples.begin(), mSamples.end(), 0);
-    mIndex = 0;
-    mSum = 0;
-    mFull = false;
-}
-
 void LayerInfo::StableFpsTracker::push(int64_t sample) {
     if (mSamples.empty()) return;
     if (mFull) mSum -= mSamples[mIndex];

@@ -21,7 +21,6 @@ public:
     class StableFpsTracker {
     public:
         void resize(int n);
-        void reset();
         void push(int64_t sample);
         bool empty() const { return mSamples.empty(); }
         bool full() const { return mFull; }

@@ -283,11 +283,6 @@ int32_t LayerPHRState::frameWeightWindowSum() const {
     return mFrameWeightWindowSum;
 }
 
-int32_t LayerPHRState::windowMaxWeight() const {
-    Mutex::Autolock lock(mLock);
-    return mWindowMaxWeight;
-}
-
 size_t LayerPHRState::weightWindowSize() const {
     Mutex::Autolock lock(mLock);
     return mWeightWindow.size();

@@ -69,7 +69,6 @@ public:
     int32_t maxHeadroomHold() const EXCLUDES(mLock);
     int32_t heavyHeadroomFrameCount() const EXCLUDES(mLock);
     int32_t frameWeightWindowSum() const EXCLUDES(mLock);
-    int32_t windowMaxWeight() const EXCLUDES(mLock);
     size_t weightWindowSize() const EXCLUDES(mLock);
 
     // ---- Latch path ----
