@@ -332,6 +332,21 @@ bool isSimulatorSlice(const char* name) {
                        [name](const char* p) { return strncmp(name, p, strlen(p)) == 0; });
 }
 
+// Slice ends carry no name: each thread's open slices tell whose an end closes. An end with
+// none open is counted as the library's, so a stray end shows.
+bool isLibrarySlice(char phase, const char* name) {
+    thread_local std::vector<bool> open;
+    if (phase != 'E') {
+        const bool library = !isSimulatorSlice(name);
+        if (phase == 'B') open.push_back(library);
+        return library;
+    }
+    if (open.empty()) return true;
+    const bool library = open.back();
+    open.pop_back();
+    return library;
+}
+
 // The run's own outputs join the service calls and log lines gathered as they happened.
 void writeRecords(const std::string& path, RecordLog* log, const Session& session,
                   const std::vector<BoostRecord>& boosts, int64_t runStart) {
@@ -382,10 +397,10 @@ RunResult runScenario(const Scenario& scenario, const RunSettings& settings) {
     if (!settings.recordsPath.empty()) recordLog = std::make_shared<RecordLog>();
     LogSink::instance().setRecords(recordLog.get());
     if (recordLog) {
-        // Slice ends carry no name: the begins, async slices, marks and counters tell what ran.
         android::platform::host::setTraceListener([log = recordLog.get()](char phase, const char* name, int64_t value) {
-            if (phase == 'E' || phase == 'M' || isSimulatorSlice(name)) return;
-            std::string text = std::string("trace ") + phase + " " + name;
+            if (phase == 'M' || !isLibrarySlice(phase, name)) return;
+            std::string text = std::string("trace ") + phase;
+            if (phase != 'E') text += std::string(" ") + name;
             if (phase == 'C') text += "=" + std::to_string(value);
             log->add(android::platform::waitClockNow(), std::move(text));
         });
