@@ -1,5 +1,6 @@
 #include "timer/TimerQueue.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
@@ -214,6 +215,8 @@ TEST(TimerQueue, DescriptorZeroWorksLikeAnyOther) {
     sp<Recorder> handler = new Recorder();
     queue->sendMessage(handler, Message(1));
     EXPECT_EQ(TimerQueue::kPollCallback, queue->pollOnce(1000));
+    queue.clear();
+    EXPECT_EQ(fcntl(0, F_GETFD), -1) << "closed with the queue";
 }
 
 TEST(TimerQueue, WakeAndSignalsEndThePollAsWoken) {

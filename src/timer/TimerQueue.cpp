@@ -14,10 +14,6 @@
 
 namespace android {
 
-namespace {
-
-} // namespace
-
 TimerQueue::TimerQueue() : mWait(platform::LoopWait::create()) {
     mInitialized = mWait != nullptr;
 }
