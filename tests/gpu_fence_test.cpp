@@ -7,6 +7,7 @@
 #include "PerfdControl.h"
 #include "layers/GpuFence.h"
 #include "layers/LayerManager.h"
+#include "pelyx/pelyx.h"
 #include "perf/PerfProxy.h"
 #include "platform/HostControl.h"
 #include "support/LogCapture.h"
@@ -73,7 +74,7 @@ protected:
     void start(bool detect, const char* mult = nullptr) {
         if (detect) perfd_stub::setProp("vendor.perf.gpu_jank_detect.enable", "true");
         if (mult) perfd_stub::setProp("vendor.perf.gpu_jank_filter.min_exec_time_mult", mult);
-        lm()->init(false, 1080, 2400);
+        ASSERT_TRUE(pelyxInit(1080, 2400));
         lm()->setVsyncPeriod(kVsync);
         for (int i = 0; i < 40; i++) queueAt(mClock.now() + 16'670'000);
         mLayer = lm()->getLayer(kLayerId);
@@ -146,8 +147,8 @@ TEST_F(GpuFenceTest, AMultiplierScalesTheThresholdOnBothPaths) {
     queueAt(t);
     for (int64_t waited : {int64_t{8'333'332}, int64_t{8'333'333}}) {
         mClock.set(t + waited);
-        notify(0); // a descriptor like any other
-        lm()->trackLatchUnsignaledGpuFence(0, kLayerId);
+        pelyxNotifyGpuFenceUnsignaled(0, kLayerId); // a descriptor like any other
+        pelyxTrackLatchUnsignaledGpuFence(0, kLayerId);
         lm()->flushLatchUnsignaledGpuFences();
     }
     // A recorded fence is sent once: a notify of its layer or its buffer's latch settles it.

@@ -11,6 +11,7 @@
 #include "platform/CallingIdentity.h"
 #include "platform/Clock.h"
 #include "platform/HostControl.h"
+#include "support/LogCapture.h"
 #include "platform/Properties.h"
 #include "platform/Threads.h"
 #include "platform/Trace.h"
@@ -110,6 +111,7 @@ TEST(Trace, WritesValidTraceEventJson) {
 
 TEST(LoopThreads, AskForNiceMinusEightAndFifoOneAndKeepFifteenCharactersOfTheirName) {
     struct Seen { int nice = 0, policy = -1, priority = -1; char name[32] = {}; } seen;
+    pelyx_test::LogCapture logs;
     std::thread loop([&seen] {
         setThreadName("Pelyx.LongerThanTheKernelKeeps");
         pthread_getname_np(pthread_self(), seen.name, sizeof(seen.name));
@@ -122,6 +124,7 @@ TEST(LoopThreads, AskForNiceMinusEightAndFifoOneAndKeepFifteenCharactersOfTheirN
     });
     loop.join();
     EXPECT_STREQ(seen.name, "Pelyx.LongerTha");
+    EXPECT_EQ(logs.errors(), size_t{seen.nice != -8} + size_t{seen.policy != SCHED_FIFO});
     if (seen.policy != SCHED_FIFO) GTEST_SKIP() << "not privileged to raise a thread";
     EXPECT_EQ(seen.nice, -8);
     EXPECT_EQ(seen.priority, 1);
