@@ -294,4 +294,10 @@ TEST(InGameTracker, FrameWindowAndTouchInterval) {
     EXPECT_EQ(tracker.getTouchInterval(), 10'000'000);
     tracker.queueBuffer(t3 + 2'000'000'000);
     EXPECT_EQ(tracker.getFpsMode(), -1) << "a new window, not the end of the old one";
+    for (int i = 1; i < 63; i++) tracker.queueBuffer(t3 + 2'000'000'000 + i * 15'000'000);
+    tracker.queueBuffer(t3 + 3'100'000'000);
+    EXPECT_EQ(tracker.getFpsMode(), 60) << "63 frames, its first one included";
+    tracker.trackMoveEvent(t3 + 4'000'000'000);
+    tracker.trackMoveEvent(t3 + 4'004'000'000);
+    EXPECT_EQ(tracker.getTouchInterval(), 7'000'000) << "the seed counts as one sample again";
 }

@@ -69,6 +69,9 @@ TEST_P(PhrWiringKeepsPacing, WhenTheLayerFallsBelowItsTarget) {
     features->setCallbackHintValue(4171, "com.app1", 5500, 0, {});
     startHeadroom(game);
     ASSERT_TRUE(lm->getLayerStatus(1)->targetFpsActive);
+    game.period = 17'800'000; // 56.2 fps: within the 2 fps of slack
+    run({&game}, 2'200 * kMs);
+    ASSERT_TRUE(lm->getLayerStatus(1)->targetFpsActive);
     game.period = 19 * kMs; // 52.6 fps
     run({&game}, 3'300 * kMs);
     EXPECT_EQ(lm->getLayerStatus(1)->targetFpsActive, std::string(GetParam()) != "defaults");

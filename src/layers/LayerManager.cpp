@@ -103,12 +103,6 @@ void LayerManager::stop() {
     mPackageless.clear();
 }
 
-bool LayerManager::initGFREnv() {
-    Mutex::Autolock lock(mLock);
-    initGFREnvLocked();
-    return mGfrReady;
-}
-
 void LayerManager::initGFREnvLocked() {
     if (mGfrReady) return;
     GFRMonitor& monitor = GFRMonitor::getInstance();

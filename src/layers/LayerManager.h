@@ -74,9 +74,7 @@ public:
     void stop() EXCLUDES(mLock);
     bool isInitialized() const { return mInitialized.load(); }
     void setSmartTouchEnable(bool enable) { mSmartTouchEnabled.store(enable); }
-    // Start the frame-rescue and headroom monitors once (a layer first needs them); false when
-    // the monitor cannot run.
-    bool initGFREnv() EXCLUDES(mLock);
+    // Start the headroom monitor once (a layer first needs it); false when it cannot run.
     bool initPHREnv() EXCLUDES(mLock);
     bool isSmartTouchEnabled() const { return mSmartTouchEnabled.load(); }
 
