@@ -11,10 +11,10 @@
 #include "platform/CallingIdentity.h"
 #include "platform/Clock.h"
 #include "platform/HostControl.h"
-#include "support/LogCapture.h"
 #include "platform/Properties.h"
 #include "platform/Threads.h"
 #include "platform/Trace.h"
+#include "support/LogCapture.h"
 #include "support/ManualClock.h"
 
 using namespace android::platform;
