@@ -135,3 +135,21 @@ TEST(PhrDynamicHeadroom, AHeavyWindowLiftsThenOnTimeFramesRestoreAndLightOnesDec
         EXPECT_EQ(s->mHeadroom.load(), c.expected) << "after " << n << " frames";
     }
 }
+
+// At a high rate a window of weight 30 raises the ceiling to the high-fps rate; 50 heavy frames
+// after the window falls below 30, the next one puts it back at 1.3 periods.
+TEST(PhrDynamicHeadroom, AWindowOfThirtyRaisesTheCeilingForFiftyFrames) {
+    sp<LayerPHRState> s = new LayerPHRState(7, "game");
+    ASSERT_TRUE(s->updateHeadRoom(0.5f, 0.5f, kP120, 120, 1.3f));
+    const auto frame = [&s](float ratio) {
+        s->updateDynamicHeadroom(static_cast<int64_t>(ratio * kP120), kP120, 120, 1.8f);
+    };
+    for (int i = 0; i < 15; i++) frame(1.3f);
+    EXPECT_EQ(s->maxHeadroom(), kHeavyCeiling);
+    int kept = 0;
+    for (; s->maxHeadroom() == kHeavyCeiling && kept < 100; kept++) {
+        frame(kept % 15 == 14 ? 1.3f : 1.0f); // a two in every window keeps it heavy
+    }
+    EXPECT_EQ(kept, 51);
+    EXPECT_EQ(s->maxHeadroom(), static_cast<int64_t>(1.3 * kP120));
+}
