@@ -42,7 +42,7 @@ TEST(GfrTunables, RefusesWithOneLineAndLeavesTheRecord) {
             {"baseFreq=0", "baseFreq value must be > 0"},
             {"golden=abc", "failed to parse 'golden=abc': stof"},
             {"flag=99999999999", "failed to parse 'flag=99999999999': stoi"},
-            {"golden=0.8_kFactor=9", "kFactor=9.00 out of range [0.0, 5.0]"},
+            {"golden=0.8_kFactor=5.1", "kFactor=5.10 out of range [0.0, 5.0]"},
             {"baseFreq=1;2_jank=1.5;1.2", "jank thresholds not strictly increasing"},
     };
     for (const auto& [text, message] : rows) {

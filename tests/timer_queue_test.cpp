@@ -196,14 +196,14 @@ TEST(TimerQueue, AnEntryReleasedByTheQueueMayCallBackIntoIt) {
     ASSERT_TRUE(finishesInTime(queue, [&] {
         // The front entry: dropped at once.
         queue->cancelTask(queue->postTaskDelayed(ms(1000), [state = callsBack()] {}));
-        // Behind a due entry: dropped by the poll.
-        const uint64_t behind = queue->postTaskDelayed(ms(20), [state = callsBack()] {});
+        // Behind a due entry, more than fit inline: dropped by the poll.
         queue->postTaskDelayed(ms(1), [] {});
-        queue->cancelTask(behind);
+        for (int i = 0; i < 5; i++)
+            queue->cancelTask(queue->postTaskDelayed(ms(20), [state = callsBack()] {}));
         sleepMs(40);
-        queue->pollOnce(1000); // runs the due task, drops the cancelled one behind it
+        queue->pollOnce(1000); // runs the due task, drops the cancelled ones behind it
     })) << "a release under the queue's mutex deadlocked";
-    EXPECT_EQ(2, released.load());
+    EXPECT_EQ(6, released.load());
 }
 
 void onSignal(int) {}

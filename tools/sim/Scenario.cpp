@@ -151,7 +151,8 @@ Bounds parseBounds(const Json::Value& v, const std::string& path) {
     for (Json::ArrayIndex i = 0; i < 4; ++i) {
         n[i] = static_cast<int32_t>(Fields::checkInteger(v[i], indexed(path, i), -100000, 100000));
     }
-    if (n[2] <= n[0] || n[3] <= n[1]) throw ScenarioError(path, "must have right > left and bottom > top");
+    // Empty is allowed: a collapsed surface still draws and is reported.
+    if (n[2] < n[0] || n[3] < n[1]) throw ScenarioError(path, "must have right >= left and bottom >= top");
     return Bounds{n[0], n[1], n[2], n[3]};
 }
 
