@@ -325,13 +325,6 @@ void writeFrames(const std::string& path, const Session& session, int64_t runSta
     if (fclose(out) != 0) throw std::runtime_error(path + ": cannot write the frames file");
 }
 
-// The simulator's own slices (its apps, compositor and touches) share the trace with the library's.
-bool isSimulatorSlice(const char* name) {
-    static const char* const kPrefixes[] = {"work ", "queue ", "queued ", "latch ", "present ", "vsync", "touch "};
-    return std::any_of(std::begin(kPrefixes), std::end(kPrefixes),
-                       [name](const char* p) { return strncmp(name, p, strlen(p)) == 0; });
-}
-
 // Slice ends carry no name: each thread's open slices tell whose an end closes. An end with
 // none open is counted as the library's, so a stray end shows.
 bool isLibrarySlice(char phase, const char* name) {

@@ -12,7 +12,10 @@
 namespace pelyx_sim {
 
 bool isSimulatorSlice(const std::string& name) {
-    for (const char* prefix : {"vsync", "latch ", "present ", "work ", "queue ", "touch "}) {
+    // The compositor's tick is "vsync" or "vsync (late)"; the library's own slices may start
+    // with the word too ("vsync: ...").
+    if (name == "vsync" || name == "vsync (late)") return true;
+    for (const char* prefix : {"latch ", "present ", "work ", "queue ", "queued ", "touch "}) {
         if (name.compare(0, std::char_traits<char>::length(prefix), prefix) == 0) return true;
     }
     return false;

@@ -10,7 +10,8 @@
 
 namespace pelyx_sim {
 
-// Names of the simulator's own slices start with one of these words; the rest are the library's.
+// The simulator's own slices (its apps, compositor and touches) share the trace with the
+// library's, told apart by name.
 bool isSimulatorSlice(const std::string& name);
 
 TraceResult checkTrace(const std::string& path);
