@@ -147,7 +147,7 @@ TEST_F(GpuFenceTest, AMultiplierScalesTheThresholdOnBothPaths) {
     queueAt(t);
     for (int64_t waited : {int64_t{8'333'332}, int64_t{8'333'333}}) {
         mClock.set(t + waited);
-        pelyxNotifyGpuFenceUnsignaled(0, kLayerId); // a descriptor like any other
+        for (int fd : {-1, 0}) pelyxNotifyGpuFenceUnsignaled(fd, kLayerId); // 0 is like any other
         pelyxTrackLatchUnsignaledGpuFence(0, kLayerId);
         lm()->flushLatchUnsignaledGpuFences();
     }

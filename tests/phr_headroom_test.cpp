@@ -110,7 +110,7 @@ TEST(PhrDynamicHeadroom, AHeavyWindowLiftsThenOnTimeFramesRestoreAndLightOnesDec
     const int64_t base = kP60 / 2, lifted = base + 2 * kMs;
     const struct { std::vector<std::pair<int, float>> frames; int64_t expected; } cases[] = {
             {{{14, 0.5f}, {1, 1.5f}}, lifted},             // sum 3 with a three
-            {{{13, 0.5f}, {2, 1.3f}}, lifted},             // two twos
+            {{{13, 0.5f}, {2, 1.2f}}, lifted},             // two twos: 1.2 is heavy already
             {{{13, 0.5f}, {1, 1.3f}, {1, 1.0f}}, lifted},  // sum 3 with a two
             {{{14, 0.5f}, {1, 1.3f}}, base},               // sum 2: not heavy
             {{{14, 0.8f}, {1, 1.3f}}, lifted},             // 0.8 is on time already

@@ -116,14 +116,13 @@ TEST_F(SceneReport, FullScreenVersusWindowed) {
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 1200}), 2);
     EXPECT_EQ(lm->getWindowType(Rect{0, 0, 900, 2400}), 2);
     EXPECT_EQ(lm->getWindowType(Rect::INVALID_RECT), 0);
-    for (auto [w, h] : {std::pair{0, 2400}, std::pair{1080, 0}}) { // the display's size unknown
+    // The display's size unknown, then one pixel wide or tall, which is a size.
+    using Size = std::pair<int, int>;
+    for (auto [w, h] : {Size{0, 2400}, Size{1080, 0}, Size{1080, 1}, Size{1, 1080}}) {
         lm->stop();
         lm->init(false, w, h);
-        EXPECT_EQ(lm->getWindowType(Rect{0, 0, 1080, 1200}), 0) << w << "x" << h;
+        EXPECT_EQ(lm->getWindowType(Rect{0, 0, 500, 1}), w * h == 0 ? 0 : 2) << w << "x" << h;
     }
-    lm->stop();
-    lm->init(false, 1080, 1); // one pixel is a size
-    EXPECT_EQ(lm->getWindowType(Rect{0, 0, 500, 1}), 2);
 }
 
 TEST_F(SceneReport, InvisibleLayerIsNeverReportedNorLowLatency) {
