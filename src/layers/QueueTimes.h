@@ -34,11 +34,6 @@ public:
         mSize--;
     }
 
-    void clear() {
-        mHead = 0;
-        mSize = 0;
-    }
-
 private:
     void grow() {
         std::vector<int64_t> bigger(mRing.empty() ? 4 : mRing.size() * 2);
