@@ -82,8 +82,8 @@ TEST(PhrPresetStep, SnapsClearOfVsyncAndStaysWithinBounds) {
     ASSERT_TRUE(s->updateHeadRoom(0.0f, 0.5f, kP120, 120, 1.8f));
     const int64_t t = kP120 / 10;
     const struct { bool down; int64_t step, expected; } steps[] = {
-            {false, 2 * kMs, 6'166'666},   // far from a multiple: no snap
-            {false, 2 * kMs, kP120 + t},   // 8 166 666 is just short of P: t past it
+            {false, 3'333'334, kP120 - t}, // 7 500 000 is exactly t short of P: kept
+            {false, 666'666, kP120 + t},   // 8 166 666 is just short of P: t past it
             {true, kMs / 10, kP120 - t},   // 9 066 666 is just past P: t before it
             {false, kMs, kP120 + t},       // 8 500 000 is just past P: t past it
             {true, 1'500'000, kP120 - t}}; // 7 666 666 is just short of P: t before it
