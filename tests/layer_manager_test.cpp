@@ -41,10 +41,12 @@ TEST_F(Registry, ALayerWithoutAnFpsModeIsNeverTheHighest) {
     EXPECT_EQ(last.pkg + " " + std::to_string(last.args.at(1)), "null -1");
 }
 
-TEST_F(Registry, TwentyFpsIsNeverPromoted) {
-    Producer twenty{2, 50 * kMs};
-    run({&twenty}, 5'000 * kMs);
+// 23 fps is the least a candidate needs: 1e9 / 43 478 261 ns rounds to it in float.
+TEST_F(Registry, TwentyFpsIsNeverPromotedTwentyThreeIs) {
+    Producer twenty{2, 50 * kMs}, least{3, 43'478'261};
+    run({&twenty, &least}, 5'000 * kMs);
     EXPECT_FALSE(tracked(2));
+    EXPECT_TRUE(tracked(3));
     EXPECT_EQ(lm->candidateCount(), 1u);
 }
 

@@ -152,12 +152,13 @@ TEST_F(PhrSwitchingTest, WithAPeriodOfZeroASmoothSwitchNeverEndsAndEveryLatchIsA
     EXPECT_FALSE(s->mQuickTouchActive.load()) << "the sixth jank within 15 s";
 }
 
-// Janks 8 s apart never add up; after them, the fourth of a burst is the sixth within 15 s.
+// Janks nearly 15 s apart never add up; after them, the fourth of a burst is the sixth within
+// 15 s (less a nanosecond, the window's own length), however close to its edge.
 TEST(PhrJanks, OnlyJanksWithinFifteenSecondsAddUp) {
     sp<LayerPHRState> s = new LayerPHRState(1, "a");
     int64_t t = 100 * kSec;
     for (int i = 0; i < 6; i++) {
-        EXPECT_EQ(s->noteLatch(t += 8 * kSec, kP), LayerPHRState::LatchResult::kJank) << i;
+        EXPECT_EQ(s->noteLatch(t += 15 * kSec - 1 - 8 * kP, kP), LayerPHRState::LatchResult::kJank) << i;
     }
     int burst = 1;
     while (s->noteLatch(t += 2 * kP, kP) == LayerPHRState::LatchResult::kJank && burst < 10) burst++;
