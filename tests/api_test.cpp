@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <dirent.h>
-
 #include <string>
 #include <vector>
 
@@ -20,11 +18,13 @@
 #include "platform/Properties.h"
 #include "support/LogCapture.h"
 #include "support/ManualClock.h"
+#include "support/Threads.h"
 
 using namespace android;
 using pelyx_test::LogCapture;
 using pelyx_test::LogLine;
 using pelyx_test::ManualClock;
+using pelyx_test::entriesIn;
 
 namespace {
 
@@ -33,17 +33,6 @@ constexpr const char* kTrace = "debug.vendor.perf.smart_touch.trace";
 constexpr int64_t kFrame60 = 16'666'666;
 constexpr const char* kGameLayer = "com.game/com.game.MainActivity#0";
 constexpr int32_t kGameId = 7;
-
-size_t threadCount() {
-    size_t count = 0;
-    if (DIR* dir = opendir("/proc/self/task")) {
-        while (dirent* entry = readdir(dir)) {
-            if (entry->d_name[0] != '.') count++;
-        }
-        closedir(dir);
-    }
-    return count;
-}
 
 std::vector<std::string> linesOf(const LogCapture& logs, const std::string& tag) {
     std::vector<std::string> out;
@@ -71,7 +60,7 @@ TEST(ApiStartup, DisabledReturnsFalseLogsOnlyTheSwitchAndAsksAgain) {
     perfd_stub::setProp("vendor.perf.pelyx.enable", "0");
     LogCapture logs;
     PerfProxy::getInstance(); // its boost thread is not the entry module's
-    const size_t threadsBefore = threadCount();
+    const size_t threadsBefore = entriesIn("/proc/self/task");
 
     EXPECT_FALSE(pelyxInit(1080, 2400));
     EXPECT_EQ(linesOf(logs, kTag), std::vector<std::string>{"[Pelyx Enable: 0]"});
@@ -83,7 +72,7 @@ TEST(ApiStartup, DisabledReturnsFalseLogsOnlyTheSwitchAndAsksAgain) {
               (std::vector<std::string>{"[Pelyx Enable: 0]", "[Pelyx Enable: 0]"}));
 
     EXPECT_EQ(perfd_stub::countCalls("perf_callback_register"), 0u);
-    EXPECT_EQ(threadCount(), threadsBefore) << "no watcher thread when disabled";
+    EXPECT_EQ(entriesIn("/proc/self/task"), threadsBefore) << "no watcher thread when disabled";
     LayerManager* lm = LayerManager::getInstance();
     EXPECT_FALSE(lm->isInitialized());
 

@@ -93,20 +93,25 @@ TEST_F(PhrTimingTest, ABufferStillEarlyAfterItsReleaseWaitsTheRest) {
     EXPECT_FALSE(state->mReleasedByTimer.load());
 }
 
-// Switching quick touch off releases nobody: a held buffer waits out its own time-out.
-TEST_F(PhrTimingTest, QuickTouchOffLeavesAHeldBufferToItsTimeOut) {
-    const int64_t queued = platform::now();
-    int64_t returned = 0;
-    platform::Thread queue;
-    ASSERT_TRUE(queue.start("queue", [&] {
-        m->onBufferIncrement(1, kP, queued, false);
-        returned = platform::now();
-    }));
-    platform::sleepFor(100 * kMs);
-    EXPECT_TRUE(state->isWaiting());
-    m->setQuickTouchStatus(1, false);
-    queue.join();
-    EXPECT_EQ(returned - queued, kP) << "the hold's time-out is a period";
+// Switching quick touch off releases nobody: a held buffer waits out its own time-out (a
+// period). Dropping its layer releases it at once.
+TEST_F(PhrTimingTest, QuickTouchOffLeavesAHeldBufferToItsTimeOutDroppingTheLayerDoesNot) {
+    for (bool drop : {false, true}) {
+        const int64_t queued = platform::now();
+        int64_t returned = 0;
+        platform::Thread queue;
+        ASSERT_TRUE(queue.start("queue", [&] {
+            m->onBufferIncrement(1, kP, queued, false);
+            returned = platform::now();
+        }));
+        platform::sleepFor(100 * kMs);
+        EXPECT_TRUE(state->isWaiting());
+        drop ? m->unregisterLayer(1) : m->setQuickTouchStatus(1, false);
+        queue.join();
+        EXPECT_EQ(returned - queued, drop ? 100 * kMs : kP) << drop;
+        m->setQuickTouchStatus(1, true);
+        m->onBufferDecrement(1, 0, platform::now() + kP);
+    }
 }
 
 // Pacing sleeps to the frame's deadline, however far off: not capped like a hold.

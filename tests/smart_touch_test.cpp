@@ -89,6 +89,9 @@ TEST_F(SmartTouch, WithoutHeadroomOrAVsyncYetTheAppDecides) {
     aPelyxConsumeInputNow(&consumed);
     EXPECT_FALSE(consumed) << "left as the app had it";
     aPelyxConsumeInputNow(nullptr);
+    Filtered none;
+    aPelyxFilterBuffer(&none.autoTs, &none.present, nullptr); // any argument missing: nothing
+    aPelyxFilterBuffer(nullptr, &none.present, &none.flags);
 }
 
 // Without headroom, once a vsync is known, a MOVE is consumed at most once a frame.
@@ -149,6 +152,7 @@ TEST(SmartTouchSwitches, QueueTimingNeedsEitherSwitchInstantBuffersNeedSmartTouc
     const struct { const char* st; const char* stm; bool instant; } cases[] = {
             {"1", "0", true}, {"0", "1", false}, {"1", "0", true}};
     ManualClock clock{10'000'000'000};
+    EXPECT_EQ(filter(1u << 5).flags, 1u << 5) << "no app side yet: the buffer is left alone";
     for (const auto& c : cases) {
         platform::setProperty("debug.vendor.perf.smart_touch", c.st);
         platform::setProperty("debug.vendor.perf.smart_touch.move", c.stm);

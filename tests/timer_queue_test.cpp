@@ -10,7 +10,6 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -18,10 +17,12 @@
 #include <vector>
 
 #include "support/LogCapture.h"
+#include "support/Threads.h"
 #include "support/TimerQueuePeer.h"
 
 using namespace android;
 using pelyx_test::LogCapture;
+using pelyx_test::entriesIn;
 
 namespace {
 
@@ -128,14 +129,8 @@ TEST(TimerQueue, CancellingTheFrontRearmsOrDisarmsTheTimer) {
     EXPECT_EQ(1, handler->getStrongCount());
 }
 
-size_t openFds() {
-    size_t n = 0;
-    for ([[maybe_unused]] const auto& fd : std::filesystem::directory_iterator("/proc/self/fd")) ++n;
-    return n;
-}
-
 TEST(TimerQueue, CancelledEntriesAreSkippedAndReleased) {
-    const size_t fds = openFds();
+    const size_t fds = entriesIn("/proc/self/fd");
     sp<TimerQueue> queue = new TimerQueue();
     sp<Recorder> handler = new Recorder(), gone = new Recorder(), other = new Recorder();
     queue->sendMessageDelayed(ms(5), handler, Message(1));
@@ -160,7 +155,7 @@ TEST(TimerQueue, CancelledEntriesAreSkippedAndReleased) {
     EXPECT_GT(TimerQueueTestPeer::keptNodes(*queue), 0u) << "the collected ids' nodes are kept for reuse";
     EXPECT_EQ(TimerQueue::kPollTimeout, queue->pollOnce(50));
     queue.clear();
-    EXPECT_EQ(fds, openFds()) << "a destroyed queue closes its descriptors";
+    EXPECT_EQ(fds, entriesIn("/proc/self/fd")) << "a destroyed queue closes its descriptors";
 }
 
 // Runs `body` on its own thread; false if it is still blocked after 5 s (then it is left behind

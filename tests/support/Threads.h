@@ -1,12 +1,18 @@
-// The threads of this process, found by name (/proc/self/task/*/comm).
+// The threads of this process, found by name (/proc/self/task/*/comm), and how many entries a
+// /proc directory has (threads, descriptors).
 #pragma once
 
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
 namespace pelyx_test {
+
+inline size_t entriesIn(const char* dir) {
+    return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(dir), {}));
+}
 
 inline std::vector<int> threadsNamed(const std::string& wanted) {
     std::vector<int> tids;
