@@ -147,8 +147,10 @@ TEST_F(GpuFenceTest, AMultiplierScalesTheThresholdOnBothPaths) {
     queueAt(t);
     for (int64_t waited : {int64_t{8'333'332}, int64_t{8'333'333}}) {
         mClock.set(t + waited);
-        for (int fd : {-1, 0}) pelyxNotifyGpuFenceUnsignaled(fd, kLayerId); // 0 is like any other
-        pelyxTrackLatchUnsignaledGpuFence(0, kLayerId);
+        for (int fd : {0, -1}) { // 0 is a descriptor like any other; below 0 is none
+            pelyxNotifyGpuFenceUnsignaled(fd, kLayerId);
+            pelyxTrackLatchUnsignaledGpuFence(fd, kLayerId);
+        }
         lm()->flushLatchUnsignaledGpuFences();
     }
     // A recorded fence is sent once: a notify of its layer or its buffer's latch settles it.
