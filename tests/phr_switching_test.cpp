@@ -153,7 +153,7 @@ TEST_F(PhrSwitchingTest, WithAPeriodOfZeroASmoothSwitchNeverEndsAndEveryLatchIsA
 }
 
 // Janks nearly 15 s apart never add up; after them, the fourth of a burst is the sixth within
-// 15 s (less a nanosecond, the window's own length), however close to its edge.
+// the window (15 s less a nanosecond), here exactly at its end.
 TEST(PhrJanks, OnlyJanksWithinFifteenSecondsAddUp) {
     sp<LayerPHRState> s = new LayerPHRState(1, "a");
     int64_t t = 100 * kSec;
